@@ -1,0 +1,75 @@
+#include "FileSystem/ItemFacts.h"
+
+#include <fts.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+
+#include "FileSystem/LinuxDesktop.h"
+#include "FileSystem/MountTable.h"
+#include "FileSystem/Paths.h"
+#include "Records/FatalError.h"
+
+namespace corvane {
+
+namespace {
+
+template <class SizeOf>
+std::int64_t sumRegularFiles(const std::string& path, SizeOf sizeOf) {
+    struct stat status {};
+    if (lstat(path.c_str(), &status) != 0) return 0;
+    if (S_ISREG(status.st_mode)) return sizeOf(status);
+
+    char* roots[] = {const_cast<char*>(path.c_str()), nullptr};
+    FTS* walk = fts_open(roots, FTS_PHYSICAL | FTS_NOCHDIR, nullptr);
+    if (walk == nullptr) return 0;
+    std::int64_t total = 0;
+    while (FTSENT* entry = fts_read(walk)) {
+        // Unreadable folders (FTS_DNR) and entries (FTS_NS, FTS_ERR) are passed over.
+        if (entry->fts_info != FTS_F) continue;
+        if (__builtin_add_overflow(total, sizeOf(*entry->fts_statp), &total)) fatalError("size overflow");
+    }
+    fts_close(walk);
+    return total;
+}
+
+bool isMountPoint(const std::string& path, const struct stat& status, const std::vector<MountEntry>& mounts) {
+    if (path == "/") return true;
+    struct stat parent {};
+    auto slash = path.rfind('/');
+    std::string parentPath = slash == 0 ? "/" : path.substr(0, slash);
+    if (stat(parentPath.c_str(), &parent) == 0 && parent.st_dev != status.st_dev) return true;
+    // A bind mount of the same file system shows only in the mount table.
+    return std::any_of(mounts.begin(), mounts.end(), [&](const MountEntry& mount) { return mount.mountPoint == path; });
+}
+
+}  // namespace
+
+ItemFacts ItemFacts::inspect(const std::string& path) {
+    ItemFacts facts;
+    struct stat status {};
+    if (lstat(path.c_str(), &status) != 0) return facts;
+    facts.exists = true;
+    facts.isSymlink = S_ISLNK(status.st_mode);
+
+    std::string real = facts.isSymlink ? standardizedPath(path) : realPath(path);
+    auto mounts = MountTable::read();
+    facts.isVolumeRoot = isMountPoint(real, status, mounts);
+    if (auto mount = MountTable::containing(mounts, real, status.st_dev)) {
+        const auto& network = LinuxDesktop::networkFileSystems;
+        facts.isNetworkVolume = std::find(network.begin(), network.end(), mount->fileSystemType) != network.end();
+    }
+
+    if (!facts.isSymlink) facts.size = allocatedSize(path);
+    return facts;
+}
+
+std::int64_t ItemFacts::allocatedSize(const std::string& path) {
+    return sumRegularFiles(path, [](const struct stat& status) { return static_cast<std::int64_t>(status.st_blocks) * 512; });
+}
+
+std::int64_t ItemFacts::logicalSize(const std::string& path) {
+    return sumRegularFiles(path, [](const struct stat& status) { return static_cast<std::int64_t>(status.st_size); });
+}
+
+}  // namespace corvane

@@ -1,0 +1,57 @@
+#include "FileSystem/LockRefusal.h"
+
+namespace corvane {
+
+std::string_view LockRefusals::rawValue(LockRefusal refusal) {
+    switch (refusal) {
+        case LockRefusal::doesNotExist: return "doesNotExist";
+        case LockRefusal::systemLocation: return "systemLocation";
+        case LockRefusal::homeFolder: return "homeFolder";
+        case LockRefusal::standardFolder: return "standardFolder";
+        case LockRefusal::libraryFolder: return "libraryFolder";
+        case LockRefusal::application: return "application";
+        case LockRefusal::corvaneItself: return "corvaneItself";
+        case LockRefusal::volumeRoot: return "volumeRoot";
+        case LockRefusal::networkVolume: return "networkVolume";
+        case LockRefusal::alreadyLocked: return "alreadyLocked";
+        case LockRefusal::insideUnlockedItem: return "insideUnlockedItem";
+        case LockRefusal::insideLockedItem: return "insideLockedItem";
+        case LockRefusal::tooLarge: return "tooLarge";
+        case LockRefusal::shortcut: return "shortcut";
+    }
+    return {};
+}
+
+std::optional<LockRefusal> LockRefusals::fromRawValue(std::string_view raw) {
+    for (LockRefusal refusal : all)
+        if (rawValue(refusal) == raw) return refusal;
+    return std::nullopt;
+}
+
+std::string_view LockRefusals::message(LockRefusal refusal, const Wording& wording) {
+    switch (refusal) {
+        case LockRefusal::doesNotExist: return "That item no longer exists.";
+        case LockRefusal::systemLocation: return wording.systemLocation;
+        case LockRefusal::homeFolder:
+            return "Corvane does not lock your whole home folder. Lock the folders inside it instead.";
+        case LockRefusal::standardFolder:
+            return "Corvane does not lock your whole Desktop, Documents or Downloads folder. Lock the items "
+                   "inside it instead.";
+        case LockRefusal::libraryFolder: return wording.libraryFolder;
+        case LockRefusal::application: return "Corvane does not lock apps.";
+        case LockRefusal::corvaneItself: return "Corvane cannot lock itself.";
+        case LockRefusal::volumeRoot:
+            return "Corvane does not lock whole drives. Lock the folders on the drive instead.";
+        case LockRefusal::networkVolume: return "Corvane does not lock items on network drives.";
+        case LockRefusal::alreadyLocked: return "This item is already locked.";
+        case LockRefusal::insideUnlockedItem:
+            return "This is inside an unlocked Corvane item, which is already protected.";
+        case LockRefusal::insideLockedItem:
+            return "This is inside a locked item or a disk image, so Corvane cannot lock it.";
+        case LockRefusal::tooLarge: return "Corvane locks items up to 2 TB.";
+        case LockRefusal::shortcut: return "This is a shortcut to another item. Lock the original instead.";
+    }
+    return {};
+}
+
+}  // namespace corvane

@@ -1,0 +1,44 @@
+// Why an item may not be locked. The raw value of each case is its name; the message is the
+// sentence the user sees.
+#pragma once
+
+#include <array>
+#include <optional>
+#include <string_view>
+
+#include "Records/Wording.h"
+
+namespace corvane {
+
+enum class LockRefusal {
+    doesNotExist,
+    systemLocation,
+    homeFolder,
+    standardFolder,
+    libraryFolder,
+    application,
+    corvaneItself,
+    volumeRoot,
+    networkVolume,
+    alreadyLocked,
+    insideUnlockedItem,
+    insideLockedItem,
+    tooLarge,
+    shortcut,
+};
+
+struct LockRefusals {
+    static constexpr std::array all = {
+        LockRefusal::doesNotExist,       LockRefusal::systemLocation,   LockRefusal::homeFolder,
+        LockRefusal::standardFolder,     LockRefusal::libraryFolder,    LockRefusal::application,
+        LockRefusal::corvaneItself,      LockRefusal::volumeRoot,       LockRefusal::networkVolume,
+        LockRefusal::alreadyLocked,      LockRefusal::insideUnlockedItem, LockRefusal::insideLockedItem,
+        LockRefusal::tooLarge,           LockRefusal::shortcut,
+    };
+
+    static std::string_view rawValue(LockRefusal refusal);
+    static std::optional<LockRefusal> fromRawValue(std::string_view raw);
+    static std::string_view message(LockRefusal refusal, const Wording& wording = Wording::host());
+};
+
+}  // namespace corvane

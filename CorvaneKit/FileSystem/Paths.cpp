@@ -1,0 +1,101 @@
+#include "FileSystem/Paths.h"
+
+#include <unistd.h>
+
+#include <climits>
+#include <cstdlib>
+#include <memory>
+#include <optional>
+
+namespace corvane {
+
+namespace {
+
+std::string absolute(std::string_view path) {
+    if (!path.empty() && path.front() == '/') return std::string(path);
+    std::unique_ptr<char, decltype(&std::free)> cwd(getcwd(nullptr, 0), &std::free);
+    std::string base = cwd ? cwd.get() : "/";
+    return path.empty() ? base : base + "/" + std::string(path);
+}
+
+std::optional<std::string> resolved(const std::string& path) {
+    char buffer[PATH_MAX];
+    if (::realpath(path.c_str(), buffer) == nullptr) return std::nullopt;
+    return std::string(buffer);
+}
+
+std::string joined(const std::vector<std::string>& names, std::size_t count) {
+    std::string path;
+    for (std::size_t i = 0; i < count; ++i) path += "/" + names[i];
+    return path.empty() ? "/" : path;
+}
+
+// Resolves the deepest ancestor that exists and appends the rest unchanged.
+std::optional<std::string> resolvedThroughAncestors(const std::string& path) {
+    if (auto whole = resolved(path)) return whole;
+    std::vector<std::string> names;
+    std::size_t start = 0;
+    while (start < path.size()) {
+        std::size_t end = path.find('/', start);
+        if (end == std::string::npos) end = path.size();
+        if (end > start) names.push_back(path.substr(start, end - start));
+        start = end + 1;
+    }
+    for (std::size_t kept = names.size(); kept-- > 0;) {
+        if (auto ancestor = resolved(joined(names, kept))) {
+            std::string result = *ancestor == "/" ? "" : *ancestor;
+            for (std::size_t i = kept; i < names.size(); ++i) result += "/" + names[i];
+            return result;
+        }
+    }
+    return std::nullopt;
+}
+
+}  // namespace
+
+std::string standardizedPath(std::string_view path) {
+    std::string full = absolute(path);
+    std::vector<std::string> names;
+    std::size_t start = 0;
+    while (start <= full.size()) {
+        std::size_t end = full.find('/', start);
+        if (end == std::string::npos) end = full.size();
+        std::string name = full.substr(start, end - start);
+        if (name == "..") {
+            if (!names.empty()) names.pop_back();
+        } else if (!name.empty() && name != ".") {
+            names.push_back(std::move(name));
+        }
+        start = end + 1;
+    }
+    return joined(names, names.size());
+}
+
+std::string realPath(std::string_view path) {
+    std::string standardized = standardizedPath(path);
+    return resolvedThroughAncestors(standardized).value_or(standardized);
+}
+
+std::string canonicalPath(std::string_view path) {
+    std::string full = absolute(path);
+    return standardizedPath(resolvedThroughAncestors(full).value_or(full));
+}
+
+std::vector<std::string> pathComponents(std::string_view path) {
+    std::vector<std::string> components{"/"};
+    std::size_t start = 0;
+    while (start < path.size()) {
+        std::size_t end = path.find('/', start);
+        if (end == std::string_view::npos) end = path.size();
+        if (end > start) components.emplace_back(path.substr(start, end - start));
+        start = end + 1;
+    }
+    return components;
+}
+
+std::string lastPathComponent(std::string_view path) {
+    auto components = pathComponents(path);
+    return components.size() > 1 ? components.back() : "";
+}
+
+}  // namespace corvane

@@ -1,0 +1,29 @@
+// Path normalisation shared by the whole engine. Pure functions over the file system's current
+// state; safe from any thread.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace corvane {
+
+// Absolute (relative paths start at the working directory), with ".", ".." and repeated or
+// trailing slashes removed without looking at the disk.
+std::string standardizedPath(std::string_view path);
+
+// The standardised path through realpath(3). For a path that does not exist, the deepest ancestor
+// that resolves is resolved and the rest appended as it was; if nothing resolves, the standardised
+// path itself. Used to decide what an item is.
+std::string realPath(std::string_view path);
+
+// Symbolic links resolved, then standardised. Used to compare image paths and mount points.
+std::string canonicalPath(std::string_view path);
+
+// "/" first, then each name: the components of an absolute path.
+std::vector<std::string> pathComponents(std::string_view path);
+
+// The last component of a path ("" for "/").
+std::string lastPathComponent(std::string_view path);
+
+}  // namespace corvane

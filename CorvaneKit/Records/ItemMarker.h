@@ -1,0 +1,34 @@
+// The small file at the root of every locked item's volume that says what the image holds, so an
+// image describes itself without the item index. Read and written while the image is attached.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "Records/LockedItem.h"
+
+namespace corvane {
+
+struct ItemMarker {
+    static constexpr std::string_view fileName = ".corvane-item.json";
+
+    int formatVersion = 1;
+    LockedItem::Kind kind = LockedItem::Kind::file;
+    std::string name;
+
+    ItemMarker(LockedItem::Kind kind, std::string name) : kind(kind), name(std::move(name)) {}
+
+    bool operator==(const ItemMarker&) const = default;
+
+    // Replaces any marker in the volume; failures throw as the file system reported them.
+    void write(const std::string& volume) const;
+
+    // Nothing for a missing, unreadable or malformed marker.
+    static std::optional<ItemMarker> read(const std::string& volume);
+
+    // Whether a name read from a marker may be used as one file name.
+    static bool isSafeName(std::string_view name);
+};
+
+}  // namespace corvane

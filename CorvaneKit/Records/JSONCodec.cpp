@@ -1,0 +1,234 @@
+#include "Records/JSONCodec.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <stdexcept>
+#include <system_error>
+
+#include "Records/DateFormat.h"
+
+namespace corvane {
+
+namespace {
+
+[[noreturn]] void throwErrno(const std::string& path) {
+    throw std::system_error(errno, std::generic_category(), path);
+}
+
+bool isValidUTF8(std::string_view text) {
+    std::size_t i = 0;
+    while (i < text.size()) {
+        auto byte = static_cast<unsigned char>(text[i]);
+        std::size_t length = byte < 0x80 ? 1 : (byte >> 5) == 0x6 ? 2 : (byte >> 4) == 0xE ? 3 : (byte >> 3) == 0x1E ? 4 : 0;
+        if (length == 0 || i + length > text.size()) return false;
+        std::uint32_t scalar = length == 1 ? byte : byte & (0xFF >> (length + 1));
+        for (std::size_t k = 1; k < length; ++k) {
+            auto next = static_cast<unsigned char>(text[i + k]);
+            if ((next >> 6) != 0x2) return false;
+            scalar = (scalar << 6) | (next & 0x3F);
+        }
+        static constexpr std::uint32_t kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};
+        if (scalar < kSmallest[length] || scalar > 0x10FFFF || (scalar >= 0xD800 && scalar <= 0xDFFF)) return false;
+        i += length;
+    }
+    return true;
+}
+
+void appendString(std::string& out, std::string_view text) {
+    if (!isValidUTF8(text)) throw std::invalid_argument("text is not valid UTF-8");
+    out += '"';
+    for (char c : text) {
+        switch (c) {
+            case '"': out += "\\\""; break;
+            case '\\': out += "\\\\"; break;
+            case '/': out += "\\/"; break;
+            case '\b': out += "\\b"; break;
+            case '\f': out += "\\f"; break;
+            case '\n': out += "\\n"; break;
+            case '\r': out += "\\r"; break;
+            case '\t': out += "\\t"; break;
+            default:
+                if (static_cast<unsigned char>(c) < 0x20) {
+                    char escaped[8];
+                    std::snprintf(escaped, sizeof escaped, "\\u%04x", static_cast<unsigned>(c));
+                    out += escaped;
+                } else {
+                    out += c;
+                }
+        }
+    }
+    out += '"';
+}
+
+template <class Json>
+void append(std::string& out, const Json& value, bool pretty, int depth) {
+    auto newline = [&](int level) {
+        if (!pretty) return;
+        out += '\n';
+        out.append(static_cast<std::size_t>(level) * 2, ' ');
+    };
+    if (value.is_object()) {
+        if (value.empty()) return void(out += "{}");
+        out += '{';
+        bool first = true;
+        for (auto it = value.begin(); it != value.end(); ++it) {
+            if (!first) out += ',';
+            first = false;
+            newline(depth + 1);
+            appendString(out, it.key());
+            out += pretty ? " : " : ":";
+            append(out, it.value(), pretty, depth + 1);
+        }
+        newline(depth);
+        out += '}';
+    } else if (value.is_array()) {
+        if (value.empty()) return void(out += "[]");
+        out += '[';
+        bool first = true;
+        for (const auto& element : value) {
+            if (!first) out += ',';
+            first = false;
+            newline(depth + 1);
+            append(out, element, pretty, depth + 1);
+        }
+        newline(depth);
+        out += ']';
+    } else if (value.is_string()) {
+        appendString(out, value.template get_ref<const std::string&>());
+    } else {
+        out += value.dump();  // numbers, booleans and null
+    }
+}
+
+void writeReplacing(std::string_view data, const std::string& path, mode_t fileMode, mode_t directoryMode) {
+    auto slash = path.rfind('/');
+    std::string directory = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+    std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
+    JSONCodec::createDirectories(directory, directoryMode);
+
+    std::string temporary = directory + "/." + name + ".XXXXXX";
+    int fd = mkostemp(temporary.data(), O_CLOEXEC);
+    if (fd < 0) throwErrno(directory);
+    auto fail = [&] {
+        int saved = errno;
+        if (fd >= 0) close(fd);
+        unlink(temporary.c_str());
+        errno = saved;
+        throwErrno(path);
+    };
+    // mkostemp makes the file 0600; a shared record gets the permissions a new file normally has.
+    if (fileMode != 0600) {
+        mode_t mask = umask(0);
+        umask(mask);
+        if (fchmod(fd, fileMode & ~mask) != 0) fail();
+    }
+    std::size_t written = 0;
+    while (written < data.size()) {
+        ssize_t n = write(fd, data.data() + written, data.size() - written);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            fail();
+        }
+        written += static_cast<std::size_t>(n);
+    }
+    if (close(fd) != 0) {
+        fd = -1;
+        fail();
+    }
+    fd = -1;
+    if (rename(temporary.c_str(), path.c_str()) != 0) fail();
+}
+
+}  // namespace
+
+std::string JSONCodec::encode(const nlohmann::json& value) {
+    std::string out;
+    append(out, value, true, 0);
+    return out;
+}
+
+std::string JSONCodec::encodeCompact(const nlohmann::ordered_json& value) {
+    std::string out;
+    append(out, value, false, 0);
+    return out;
+}
+
+nlohmann::json JSONCodec::decode(std::string_view text) {
+    try {
+        return nlohmann::json::parse(text);
+    } catch (const nlohmann::json::exception& error) {
+        throw DecodingError(error.what());
+    }
+}
+
+void JSONCodec::createDirectories(const std::string& path, mode_t mode) {
+    struct stat status {};
+    if (stat(path.c_str(), &status) == 0) {
+        if (S_ISDIR(status.st_mode)) return;
+        errno = ENOTDIR;
+        throwErrno(path);
+    }
+    if (errno != ENOENT) throwErrno(path);
+    auto slash = path.find_last_of('/');
+    if (slash != std::string::npos && slash > 0) createDirectories(path.substr(0, slash), mode);
+    if (mkdir(path.c_str(), mode) != 0) {
+        if (errno == EEXIST) return;  // made by someone else meanwhile
+        throwErrno(path);
+    }
+    // The umask must not loosen or tighten a private directory.
+    if (mode == 0700 && chmod(path.c_str(), mode) != 0) throwErrno(path);
+}
+
+void JSONCodec::writePrivately(std::string_view data, const std::string& path) {
+    writeReplacing(data, path, 0600, 0700);
+    if (chmod(path.c_str(), 0600) != 0) throwErrno(path);
+}
+
+void JSONCodec::writeAtomically(std::string_view data, const std::string& path) {
+    writeReplacing(data, path, 0666, 0777);
+}
+
+std::optional<std::string> JSONCodec::readIfPresent(const std::string& path) {
+    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        if (errno == ENOENT) return std::nullopt;
+        throwErrno(path);
+    }
+    std::string contents;
+    char buffer[65536];
+    for (;;) {
+        ssize_t n = read(fd, buffer, sizeof buffer);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            int saved = errno;
+            close(fd);
+            errno = saved;
+            throwErrno(path);
+        }
+        if (n == 0) break;
+        contents.append(buffer, static_cast<std::size_t>(n));
+    }
+    close(fd);
+    return contents;
+}
+
+std::string JSONCodec::setAside(const std::string& path, std::chrono::system_clock::time_point now) {
+    std::string base = path + ".damaged-" + DateFormat::localStamp(now);
+    for (int counter = 1;; ++counter) {
+        std::string candidate = counter == 1 ? base : base + "-" + std::to_string(counter);
+        struct stat existing {};
+        if (lstat(candidate.c_str(), &existing) == 0) continue;
+        // Refuse to replace a file that appeared since the check: nothing may be overwritten.
+        if (renameat2(AT_FDCWD, path.c_str(), AT_FDCWD, candidate.c_str(), RENAME_NOREPLACE) == 0) return candidate;
+        if (errno == EEXIST) continue;
+        if (errno != EINVAL && errno != ENOTSUP) throwErrno(path);
+        if (rename(path.c_str(), candidate.c_str()) != 0) throwErrno(path);
+        return candidate;
+    }
+}
+
+}  // namespace corvane

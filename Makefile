@@ -1,0 +1,26 @@
+# The two set-up commands of the README, and a fast developer build.
+#   make test   installs what is missing, builds with AddressSanitizer and UndefinedBehaviorSanitizer,
+#               and runs every test (this is what CI runs)
+#   make build  an optimised build without sanitizers
+
+BUILD_DIR ?= build
+JOBS ?= $(shell nproc)
+
+.PHONY: deps test build clean
+
+deps:
+	scripts/install-deps
+
+test: deps
+	cmake -S . -B $(BUILD_DIR)/sanitize -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCORVANE_SANITIZE=ON
+	cmake --build $(BUILD_DIR)/sanitize -j $(JOBS)
+	cd $(BUILD_DIR)/sanitize && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
+		UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+		ctest --output-on-failure -j $(JOBS)
+
+build: deps
+	cmake -S . -B $(BUILD_DIR)/release -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo
+	cmake --build $(BUILD_DIR)/release -j $(JOBS)
+
+clean:
+	rm -rf $(BUILD_DIR)
