@@ -1,0 +1,190 @@
+#include <gtest/gtest.h>
+
+#include "Records/Activity.h"
+#include "Records/ByteCount.h"
+#include "Records/CorvaneError.h"
+
+namespace corvane {
+namespace {
+
+std::vector<TreeMismatch> mismatches(int count) {
+    return std::vector<TreeMismatch>(static_cast<std::size_t>(count), TreeMismatch{"a", "differs"});
+}
+
+TEST(CorvaneError, EveryCaseHasItsSentence) {
+    struct Row {
+        CorvaneError error;
+        const char* message;
+    };
+    const Row rows[] = {
+        {CorvaneError::notEnoughSpace(1'200'000'000, 350'000'000),
+         "Not enough free space. Corvane needs 1.2 GB, but only 350 MB is free."},
+        {CorvaneError::inUse({"Mail", "Preview"}), "Files are still open in Mail and Preview. Close them, then try again."},
+        {CorvaneError::inUse({}), "Some files are still open. Close them, then try again."},
+        {CorvaneError::copyFailed("disk full"), "Copying failed: disk full"},
+        {CorvaneError::verificationFailed(mismatches(1)),
+         "The locked copy did not match the original (1 difference), so nothing was changed."},
+        {CorvaneError::verificationFailed(mismatches(2)),
+         "The locked copy did not match the original (2 differences), so nothing was changed."},
+        {CorvaneError::restoreVerificationFailed(mismatches(0)),
+         "The restored copy did not match the locked item (0 differences), so nothing was changed. The item is "
+         "still locked."},
+        {CorvaneError::refused(LockRefusal::tooLarge), "Corvane locks items up to 2 TB."},
+        {CorvaneError::lockedButOriginalRemains("Taxes"),
+         "Taxes is locked, but Corvane could not remove the unlocked original. It will try again next time it opens."},
+        {CorvaneError::lockedButRemovalUnfinished("Taxes"),
+         "Taxes is locked, but Corvane could not finish removing the unlocked original. It will finish next time it "
+         "opens."},
+        {CorvaneError::stillInICloud("Photos"),
+         "Some files in Photos are still in iCloud. Download them first, then try again."},
+        {CorvaneError::containsUnlockedItem("Work"), "Work contains an unlocked Corvane item. Lock it first."},
+        {CorvaneError::containsMountedDisk("Work"), "Work contains a mounted disk image. Eject it, then try again."},
+        {CorvaneError::containsAppleDouble("Work"),
+         "Work contains hidden macOS metadata files (their names start with ._) that Corvane cannot lock safely. "
+         "Remove them, then try again."},
+        {CorvaneError::hardLinked("notes.txt"),
+         "notes.txt has another copy linked to it elsewhere, so Corvane cannot lock it safely."},
+        {CorvaneError::wrongPassword(), "That password did not work."},
+        {CorvaneError::notLocked(), "This is not a Corvane locked item."},
+        {CorvaneError::notFound(), "That item could not be found."},
+        {CorvaneError::cancelled(), "Cancelled. Nothing was changed."},
+        {CorvaneError::needsAllLocked(), "Lock every unlocked item first."},
+        {CorvaneError::changedWhileLocking(),
+         "The item changed while it was being locked, so nothing was changed. Try again."},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(row.error.errorDescription(), row.message);
+        EXPECT_STREQ(row.error.what(), row.message);
+    }
+}
+
+TEST(CorvaneError, PlatformSentencesExistInBothWordings) {
+    struct Row {
+        CorvaneError error;
+        const char* macOS;
+        const char* linuxDesktop;
+    };
+    const Row rows[] = {
+        {CorvaneError::diskImage("bad"), "macOS could not open the locked item: bad",
+         "The system could not open the locked item: bad"},
+        {CorvaneError::finderLocked("Taxes"),
+         "Taxes is marked Locked in Finder. Choose File > Get Info, untick Locked, then try again.",
+         "Taxes is marked immutable or append-only. Clear the mark (chattr -i -a), then try again."},
+        {CorvaneError::containsFinderLocked("Taxes"),
+         "Taxes contains files marked Locked in Finder. Choose File > Get Info, untick Locked, then try again.",
+         "Taxes contains files marked immutable or append-only. Clear the mark (chattr -i -a), then try again."},
+        {CorvaneError::refused(LockRefusal::systemLocation), "Corvane does not lock macOS system folders.",
+         "Corvane does not lock system folders."},
+        {CorvaneError::refused(LockRefusal::libraryFolder),
+         "Corvane does not lock items in your Library folder, because apps rely on them.",
+         "Corvane does not lock your .config, .local or .cache folders, because apps rely on them."},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(row.error.message(Wording::macOS), row.macOS);
+        EXPECT_EQ(row.error.message(Wording::linuxDesktop), row.linuxDesktop);
+        EXPECT_EQ(row.error.errorDescription(), row.linuxDesktop) << "this build runs on Linux";
+    }
+}
+
+TEST(CorvaneError, EqualityComparesCaseAndPayload) {
+    EXPECT_EQ(CorvaneError::inUse({"Mail"}), CorvaneError::inUse({"Mail"}));
+    EXPECT_NE(CorvaneError::inUse({"Mail"}), CorvaneError::inUse({"Preview"}));
+    EXPECT_NE(CorvaneError::finderLocked("A"), CorvaneError::hardLinked("A"));
+    EXPECT_NE(CorvaneError::notEnoughSpace(1, 2), CorvaneError::notEnoughSpace(2, 1));
+    EXPECT_NE(CorvaneError::verificationFailed({{"a", "x"}}), CorvaneError::restoreVerificationFailed({{"a", "x"}}));
+    EXPECT_EQ(CorvaneError::cancelled(), CorvaneError::cancelled());
+}
+
+TEST(CorvaneError, LockedNoticeOnlyWhenLockingSucceeded) {
+    auto remains = CorvaneError::lockedButOriginalRemains("Taxes").lockedNotice();
+    ASSERT_TRUE(remains);
+    EXPECT_EQ(remains->title, "The unlocked original is still there");
+    EXPECT_EQ(remains->message, CorvaneError::lockedButOriginalRemains("Taxes").errorDescription());
+
+    auto unfinished = CorvaneError::lockedButRemovalUnfinished("Taxes").lockedNotice();
+    ASSERT_TRUE(unfinished);
+    EXPECT_EQ(unfinished->title, "Taxes is locked");
+    EXPECT_EQ(unfinished->message,
+              "Corvane could not finish removing the unlocked original. It will finish next time it opens.");
+
+    for (const auto& other : {CorvaneError::cancelled(), CorvaneError::hardLinked("Taxes"),
+                              CorvaneError::refused(LockRefusal::shortcut), CorvaneError::inUse({})})
+        EXPECT_FALSE(other.lockedNotice()) << other.errorDescription();
+}
+
+TEST(CorvaneError, ListJoinsWithoutCommaBeforeAnd) {
+    EXPECT_EQ(CorvaneError::list({}), "");
+    EXPECT_EQ(CorvaneError::list({"Mail"}), "Mail");
+    EXPECT_EQ(CorvaneError::list({"Mail", "Preview"}), "Mail and Preview");
+    EXPECT_EQ(CorvaneError::list({"Mail", "Preview", "Pages"}), "Mail, Preview and Pages");
+    EXPECT_EQ(CorvaneError::list({"A", "B", "C", "D"}), "A, B, C and D");
+}
+
+TEST(ByteCount, FileSizeStyleInDecimalUnits) {
+    const std::pair<std::int64_t, const char*> rows[] = {
+        {0, "0 bytes"},
+        {1, "1 byte"},
+        {999, "999 bytes"},
+        {1000, "1 KB"},
+        {1499, "1 KB"},
+        {1500, "2 KB"},
+        {999'499, "999 KB"},
+        {999'999, "1 MB"},
+        {1'234'567, "1.2 MB"},
+        {10'000'000, "10 MB"},
+        {1'200'000'000, "1.2 GB"},
+        {1'234'567'890, "1.23 GB"},
+        {2'000'000'000'000, "2 TB"},
+        {-1'500'000, "-1.5 MB"},
+        {INT64_MIN, "-9223.37 PB"},
+    };
+    for (const auto& [bytes, text] : rows) EXPECT_EQ(ByteCount::file(bytes), text) << bytes;
+}
+
+TEST(LockRefusal, RawValuesRoundTripInDeclarationOrder) {
+    EXPECT_EQ(LockRefusals::all.size(), 14u);
+    EXPECT_EQ(LockRefusals::all.front(), LockRefusal::doesNotExist);
+    EXPECT_EQ(LockRefusals::all.back(), LockRefusal::shortcut);
+    for (auto refusal : LockRefusals::all) {
+        EXPECT_EQ(LockRefusals::fromRawValue(LockRefusals::rawValue(refusal)), refusal);
+        EXPECT_FALSE(LockRefusals::message(refusal).empty());
+    }
+    EXPECT_EQ(LockRefusals::fromRawValue("insideUnlockedItem"), LockRefusal::insideUnlockedItem);
+    EXPECT_FALSE(LockRefusals::fromRawValue("DoesNotExist"));
+    EXPECT_FALSE(LockRefusals::fromRawValue(""));
+}
+
+TEST(Activity, RunningWorkIsNamedOldestFirst) {
+    Activity activity;
+    EXPECT_TRUE(activity.isIdle());
+    EXPECT_FALSE(activity.passwordChangeRefusal());
+
+    Uuid recovering = activity.begin("finishing interrupted work");
+    Uuid locking = activity.begin("locking Taxes");
+    EXPECT_EQ(activity.descriptions(), (std::vector<std::string>{"finishing interrupted work", "locking Taxes"}));
+    EXPECT_EQ(Activity::quitQuestion(activity.descriptions()),
+              "Corvane is still finishing interrupted work and locking Taxes. Quit when it finishes?");
+
+    activity.beginQuitting();
+    EXPECT_FALSE(activity.acceptsNewWork());
+    EXPECT_EQ(activity.passwordChangeRefusal(),
+              "Wait until Corvane finishes finishing interrupted work and locking Taxes, then try again.")
+        << "running work is named before quitting";
+
+    activity.end(recovering);
+    activity.end(recovering);
+    activity.end(Uuid::random());
+    EXPECT_EQ(activity.descriptions(), std::vector<std::string>{"locking Taxes"});
+    activity.end(locking);
+    EXPECT_EQ(activity.passwordChangeRefusal(), "Corvane is quitting, so it cannot start anything new.");
+    activity.cancelQuitting();
+    EXPECT_FALSE(activity.passwordChangeRefusal());
+}
+
+TEST(Activity, SentencesWithoutDescriptions) {
+    EXPECT_EQ(Activity::quitQuestion({}), "Corvane is still working. Quit when it finishes?");
+    EXPECT_EQ(Activity::passwordChangeRefusal(std::vector<std::string>{}), "Wait until Corvane finishes, then try again.");
+}
+
+}  // namespace
+}  // namespace corvane

@@ -1,0 +1,101 @@
+// Helpers shared by the suites: private temporary folders, small file makers, and running a check
+// as an ordinary user where root would read everything.
+#pragma once
+
+#include <fcntl.h>
+#include <grp.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <algorithm>
+#include <functional>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace corvane::testing {
+
+// A fresh folder under /tmp, removed with everything in it at the end of the test. Real path,
+// world-traversable so that an unprivileged child can reach what a test grants it.
+class TempDir {
+public:
+    TempDir() {
+        std::string pattern = "/tmp/corvane-test-XXXXXX";
+        path_ = std::filesystem::canonical(mkdtemp(pattern.data())).string();
+        chmod(path_.c_str(), 0755);
+    }
+    ~TempDir() {
+        std::error_code ignored;
+        // Restore permissions a test took away, so that everything can be removed.
+        for (auto it = std::filesystem::recursive_directory_iterator(
+                 path_, std::filesystem::directory_options::skip_permission_denied, ignored);
+             it != std::filesystem::recursive_directory_iterator(); it.increment(ignored))
+            if (it->is_directory(ignored) && !it->is_symlink(ignored)) chmod(it->path().c_str(), 0755);
+        chmod(path_.c_str(), 0755);
+        std::filesystem::remove_all(path_, ignored);
+    }
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+
+    const std::string& path() const { return path_; }
+    std::string operator/(const std::string& name) const { return path_ + "/" + name; }
+
+private:
+    std::string path_;
+};
+
+inline void writeFile(const std::string& path, const std::string& contents) {
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+    std::ofstream(path, std::ios::binary) << contents;
+}
+
+inline std::string readFile(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    std::stringstream contents;
+    contents << file.rdbuf();
+    return contents.str();
+}
+
+inline mode_t permissions(const std::string& path) {
+    struct stat status {};
+    if (stat(path.c_str(), &status) != 0) return 0;
+    return status.st_mode & 07777;
+}
+
+// The names in a folder, sorted.
+inline std::vector<std::string> listing(const std::string& folder) {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(folder)) names.push_back(entry.path().filename());
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+constexpr uid_t kNobody = 65534;
+
+// Runs `check` in a child process as user and group nobody when this process is root (as itself
+// otherwise) and returns whether it passed. The child ends with _exit, so gtest's state is
+// untouched.
+inline bool passesAsUnprivilegedUser(const std::function<bool()>& check) {
+    pid_t child = fork();
+    if (child == 0) {
+        if (geteuid() == 0) {
+            if (setgroups(0, nullptr) != 0 || setgid(kNobody) != 0 || setuid(kNobody) != 0) _exit(2);
+        }
+        bool passed = false;
+        try {
+            passed = check();
+        } catch (...) {
+            passed = false;
+        }
+        _exit(passed ? 0 : 1);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+}  // namespace corvane::testing
