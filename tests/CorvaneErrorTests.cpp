@@ -19,7 +19,8 @@ TEST(CorvaneError, EveryCaseHasItsSentence) {
     const Row rows[] = {
         {CorvaneError::notEnoughSpace(1'200'000'000, 350'000'000),
          "Not enough free space. Corvane needs 1.2 GB, but only 350 MB is free."},
-        {CorvaneError::inUse({"Mail", "Preview"}), "Files are still open in Mail and Preview. Close them, then try again."},
+        {CorvaneError::inUse({"Mail", "Preview"}),
+         "Files are still open in Mail and Preview. Close them, then try again."},
         {CorvaneError::inUse({}), "Some files are still open. Close them, then try again."},
         {CorvaneError::copyFailed("disk full"), "Copying failed: disk full"},
         {CorvaneError::verificationFailed(mismatches(1)),
@@ -37,8 +38,10 @@ TEST(CorvaneError, EveryCaseHasItsSentence) {
          "opens."},
         {CorvaneError::stillInICloud("Photos"),
          "Some files in Photos are still in iCloud. Download them first, then try again."},
-        {CorvaneError::containsUnlockedItem("Work"), "Work contains an unlocked Corvane item. Lock it first."},
-        {CorvaneError::containsMountedDisk("Work"), "Work contains a mounted disk image. Eject it, then try again."},
+        {CorvaneError::containsUnlockedItem("Work"),
+         "Work contains an unlocked Corvane item. Lock it first."},
+        {CorvaneError::containsMountedDisk("Work"),
+         "Work contains a mounted disk image. Eject it, then try again."},
         {CorvaneError::containsAppleDouble("Work"),
          "Work contains hidden macOS metadata files (their names start with ._) that Corvane cannot lock safely. "
          "Remove them, then try again."},
@@ -73,8 +76,8 @@ TEST(CorvaneError, PlatformSentencesExistInBothWordings) {
         {CorvaneError::containsFinderLocked("Taxes"),
          "Taxes contains files marked Locked in Finder. Choose File > Get Info, untick Locked, then try again.",
          "Taxes contains files marked immutable or append-only. Clear the mark (chattr -i -a), then try again."},
-        {CorvaneError::refused(LockRefusal::systemLocation), "Corvane does not lock macOS system folders.",
-         "Corvane does not lock system folders."},
+        {CorvaneError::refused(LockRefusal::systemLocation),
+         "Corvane does not lock macOS system folders.", "Corvane does not lock system folders."},
         {CorvaneError::refused(LockRefusal::libraryFolder),
          "Corvane does not lock items in your Library folder, because apps rely on them.",
          "Corvane does not lock your .config, .local or .cache folders, because apps rely on them."},
@@ -91,7 +94,8 @@ TEST(CorvaneError, EqualityComparesCaseAndPayload) {
     EXPECT_NE(CorvaneError::inUse({"Mail"}), CorvaneError::inUse({"Preview"}));
     EXPECT_NE(CorvaneError::finderLocked("A"), CorvaneError::hardLinked("A"));
     EXPECT_NE(CorvaneError::notEnoughSpace(1, 2), CorvaneError::notEnoughSpace(2, 1));
-    EXPECT_NE(CorvaneError::verificationFailed({{"a", "x"}}), CorvaneError::restoreVerificationFailed({{"a", "x"}}));
+    EXPECT_NE(CorvaneError::verificationFailed({{"a", "x"}}),
+              CorvaneError::restoreVerificationFailed({{"a", "x"}}));
     EXPECT_EQ(CorvaneError::cancelled(), CorvaneError::cancelled());
 }
 
@@ -104,11 +108,13 @@ TEST(CorvaneError, LockedNoticeOnlyWhenLockingSucceeded) {
     auto unfinished = CorvaneError::lockedButRemovalUnfinished("Taxes").lockedNotice();
     ASSERT_TRUE(unfinished);
     EXPECT_EQ(unfinished->title, "Taxes is locked");
-    EXPECT_EQ(unfinished->message,
-              "Corvane could not finish removing the unlocked original. It will finish next time it opens.");
+    EXPECT_EQ(
+        unfinished->message,
+        "Corvane could not finish removing the unlocked original. It will finish next time it opens.");
 
-    for (const auto& other : {CorvaneError::cancelled(), CorvaneError::hardLinked("Taxes"),
-                              CorvaneError::refused(LockRefusal::shortcut), CorvaneError::inUse({})})
+    for (const auto& other :
+         {CorvaneError::cancelled(), CorvaneError::hardLinked("Taxes"),
+          CorvaneError::refused(LockRefusal::shortcut), CorvaneError::inUse({})})
         EXPECT_FALSE(other.lockedNotice()) << other.errorDescription();
 }
 
@@ -161,14 +167,17 @@ TEST(Activity, RunningWorkIsNamedOldestFirst) {
 
     Uuid recovering = activity.begin("finishing interrupted work");
     Uuid locking = activity.begin("locking Taxes");
-    EXPECT_EQ(activity.descriptions(), (std::vector<std::string>{"finishing interrupted work", "locking Taxes"}));
-    EXPECT_EQ(Activity::quitQuestion(activity.descriptions()),
-              "Corvane is still finishing interrupted work and locking Taxes. Quit when it finishes?");
+    EXPECT_EQ(activity.descriptions(),
+              (std::vector<std::string>{"finishing interrupted work", "locking Taxes"}));
+    EXPECT_EQ(
+        Activity::quitQuestion(activity.descriptions()),
+        "Corvane is still finishing interrupted work and locking Taxes. Quit when it finishes?");
 
     activity.beginQuitting();
     EXPECT_FALSE(activity.acceptsNewWork());
-    EXPECT_EQ(activity.passwordChangeRefusal(),
-              "Wait until Corvane finishes finishing interrupted work and locking Taxes, then try again.")
+    EXPECT_EQ(
+        activity.passwordChangeRefusal(),
+        "Wait until Corvane finishes finishing interrupted work and locking Taxes, then try again.")
         << "running work is named before quitting";
 
     activity.end(recovering);
@@ -176,14 +185,16 @@ TEST(Activity, RunningWorkIsNamedOldestFirst) {
     activity.end(Uuid::random());
     EXPECT_EQ(activity.descriptions(), std::vector<std::string>{"locking Taxes"});
     activity.end(locking);
-    EXPECT_EQ(activity.passwordChangeRefusal(), "Corvane is quitting, so it cannot start anything new.");
+    EXPECT_EQ(activity.passwordChangeRefusal(),
+              "Corvane is quitting, so it cannot start anything new.");
     activity.cancelQuitting();
     EXPECT_FALSE(activity.passwordChangeRefusal());
 }
 
 TEST(Activity, SentencesWithoutDescriptions) {
     EXPECT_EQ(Activity::quitQuestion({}), "Corvane is still working. Quit when it finishes?");
-    EXPECT_EQ(Activity::passwordChangeRefusal(std::vector<std::string>{}), "Wait until Corvane finishes, then try again.");
+    EXPECT_EQ(Activity::passwordChangeRefusal(std::vector<std::string>{}),
+              "Wait until Corvane finishes, then try again.");
 }
 
 }  // namespace

@@ -21,10 +21,11 @@ using testing::writeFile;
 class LockPolicyOnDisk : public ::testing::Test {
 protected:
     void SetUp() override {
-        for (const char* folder : {"home/Desktop", "home/Documents/Taxes", "home/Downloads", "home/Projects",
-                                   "home/.config/app", "home/.local/share/corvane/Open/Taxes", "home/.cache/x",
-                                   "home/Tools.APP/Contents", "home/Archive.sparsebundle/bands",
-                                   "home/.corvane-0F4A.partial.sparsebundle", "home/Old.corvlock", "opt/Corvane/bin"})
+        for (const char* folder :
+             {"home/Desktop", "home/Documents/Taxes", "home/Downloads", "home/Projects",
+              "home/.config/app", "home/.local/share/corvane/Open/Taxes", "home/.cache/x",
+              "home/Tools.APP/Contents", "home/Archive.sparsebundle/bands",
+              "home/.corvane-0F4A.partial.sparsebundle", "home/Old.corvlock", "opt/Corvane/bin"})
             std::filesystem::create_directories(root / folder);
         writeFile(root / "home/Projects/plan.txt", "plan");
         writeFile(root / "home/Game.AppImage", "elf");
@@ -38,7 +39,8 @@ protected:
     }
 
     LockPolicy policy() const {
-        return LockPolicy(root / "home", root / "home/.local/share/corvane/Open", root / "opt/Corvane");
+        return LockPolicy(root / "home", root / "home/.local/share/corvane/Open",
+                          root / "opt/Corvane");
     }
 
     TempDir root;
@@ -83,13 +85,16 @@ TEST_F(LockPolicyOnDisk, StandardFoldersFollowTheDesktopSettings) {
     writeFile(root / "home/.config/user-dirs.dirs",
               "# written by xdg-user-dirs-update\n"
               "XDG_DOCUMENTS_DIR=\"$HOME/Dokumente\"\n"
-              "XDG_DOWNLOAD_DIR=\"" + (root / "elsewhere/Downloads") + "\"\n"
-              "XDG_DESKTOP_DIR=\"$HOME\"\n");
+              "XDG_DOWNLOAD_DIR=\"" +
+                  (root / "elsewhere/Downloads") +
+                  "\"\n"
+                  "XDG_DESKTOP_DIR=\"$HOME\"\n");
     EXPECT_EQ(refusalOf(root / "home/Dokumente"), LockRefusal::standardFolder);
     EXPECT_EQ(refusalOf(root / "home/Documents"), std::nullopt) << "no longer the documents folder";
     EXPECT_EQ(refusalOf(root / "elsewhere/Downloads"), LockRefusal::standardFolder);
     EXPECT_EQ(refusalOf(root / "home/Desktop"), std::nullopt);
-    EXPECT_EQ(refusalOf(root / "home"), LockRefusal::homeFolder) << "a desktop set to the home folder";
+    EXPECT_EQ(refusalOf(root / "home"), LockRefusal::homeFolder)
+        << "a desktop set to the home folder";
 }
 
 TEST(LockPolicy, SystemLocationsAndFacts) {
@@ -117,7 +122,8 @@ TEST(LockPolicy, SystemLocationsAndFacts) {
         {"/tmp/report.pdf", std::nullopt},
         {"/var/lib/corvane-open/Taxes", LockRefusal::insideUnlockedItem},
     };
-    for (const auto& [path, expected] : rows) EXPECT_EQ(policy.refusal(path, present), expected) << path;
+    for (const auto& [path, expected] : rows)
+        EXPECT_EQ(policy.refusal(path, present), expected) << path;
 
     auto with = [&](auto change) {
         ItemFacts facts = present;
@@ -125,10 +131,12 @@ TEST(LockPolicy, SystemLocationsAndFacts) {
         return policy.refusal("/run/media/alice/USB", facts);
     };
     EXPECT_EQ(with([](ItemFacts& f) { f.isVolumeRoot = true; }), LockRefusal::volumeRoot);
-    EXPECT_EQ(with([](ItemFacts& f) { f.isVolumeRoot = f.isNetworkVolume = true; }), LockRefusal::networkVolume);
+    EXPECT_EQ(with([](ItemFacts& f) { f.isVolumeRoot = f.isNetworkVolume = true; }),
+              LockRefusal::networkVolume);
     EXPECT_EQ(with([](ItemFacts& f) { f.size = LockPolicy::maxBytes; }), std::nullopt);
     EXPECT_EQ(with([](ItemFacts& f) { f.size = LockPolicy::maxBytes + 1; }), LockRefusal::tooLarge);
-    EXPECT_EQ(with([](ItemFacts& f) { f.exists = false, f.isSymlink = true; }), LockRefusal::doesNotExist);
+    EXPECT_EQ(with([](ItemFacts& f) { f.exists = false, f.isSymlink = true; }),
+              LockRefusal::doesNotExist);
     EXPECT_EQ(policy.refusal("/var/log", {true, true, false, false, 0}), LockRefusal::shortcut)
         << "a link is a shortcut wherever it stands";
 }
@@ -143,7 +151,8 @@ TEST(ItemFacts, InspectRealItems) {
     ItemFacts tree = ItemFacts::inspect(root / "tree");
     EXPECT_TRUE(tree.exists);
     EXPECT_FALSE(tree.isSymlink || tree.isVolumeRoot || tree.isNetworkVolume);
-    EXPECT_EQ(tree.size, ItemFacts::allocatedSize(root / "tree/a.bin") + ItemFacts::allocatedSize(root / "tree/sub/b.bin"));
+    EXPECT_EQ(tree.size, ItemFacts::allocatedSize(root / "tree/a.bin") +
+                             ItemFacts::allocatedSize(root / "tree/sub/b.bin"));
     EXPECT_GT(tree.size, 0);
     EXPECT_EQ(ItemFacts::logicalSize(root / "tree"), 15000) << "links and folders add nothing";
     EXPECT_EQ(ItemFacts::logicalSize(root / "tree/a.bin"), 10000);
@@ -164,12 +173,14 @@ TEST(ItemFacts, UnreadablePartsAsAnOrdinaryUser) {
     chmod((root / "closed").c_str(), 0700);
 
     std::int64_t visible = ItemFacts::logicalSize(root / "tree/open.bin");
-    EXPECT_EQ(ItemFacts::logicalSize(root / "tree"), 2 * visible) << "root reads the private folder";
+    EXPECT_EQ(ItemFacts::logicalSize(root / "tree"), 2 * visible)
+        << "root reads the private folder";
     std::string tree = root / "tree", hidden = root / "closed/item";
     EXPECT_TRUE(testing::passesAsUnprivilegedUser([&] {
-        return ItemFacts::logicalSize(tree) == visible && ItemFacts::inspect(hidden) == ItemFacts{} &&
-               LockPolicy("/nonexistent", "/nonexistent/Open", std::nullopt).refusal(hidden, ItemFacts::inspect(hidden)) ==
-                   LockRefusal::doesNotExist;
+        return ItemFacts::logicalSize(tree) == visible &&
+               ItemFacts::inspect(hidden) == ItemFacts{} &&
+               LockPolicy("/nonexistent", "/nonexistent/Open", std::nullopt)
+                       .refusal(hidden, ItemFacts::inspect(hidden)) == LockRefusal::doesNotExist;
     })) << "the walk goes past the unreadable folder; an unreachable item does not exist";
 }
 
@@ -183,8 +194,10 @@ TEST(Paths, RealPathResolvesTheDeepestExistingAncestor) {
     EXPECT_EQ(realPath(root / "a/link"), root / "a/real");
     EXPECT_EQ(realPath(root / "a/link/missing/deeper"), root / "a/real/missing/deeper");
     EXPECT_EQ(realPath(root / "a//real/./x/../"), root / "a/real");
-    EXPECT_EQ(realPath(root / "a/elsewhere/.."), root / "a") << "\"..\" is removed before links are resolved";
-    EXPECT_EQ(canonicalPath(root / "a/elsewhere/.."), root / "b") << "links are resolved before \"..\"";
+    EXPECT_EQ(realPath(root / "a/elsewhere/.."), root / "a")
+        << "\"..\" is removed before links are resolved";
+    EXPECT_EQ(canonicalPath(root / "a/elsewhere/.."), root / "b")
+        << "links are resolved before \"..\"";
     EXPECT_EQ(canonicalPath(root / "a/link/missing/../x"), root / "a/real/x");
     EXPECT_EQ(realPath("/"), "/");
     EXPECT_EQ(realPath("/.."), "/");
@@ -212,8 +225,11 @@ TEST(MountTable, ParsesMountinfoLines) {
     EXPECT_EQ(mounts[2].mountPoint, "/home/a/.local/share/corvane/Open/\xE6\x97\xA5");
     EXPECT_EQ(mounts[2].source, "/home/a/X.corvlock");
 
-    EXPECT_EQ(MountTable::containing(mounts, "/home/a/My Drive/doc", makedev(0, 45))->fileSystemType, "fuse.sshfs");
-    EXPECT_EQ(MountTable::containing(mounts, "/home/a/My Drivel", makedev(8, 1))->fileSystemType, "ext4");
+    EXPECT_EQ(
+        MountTable::containing(mounts, "/home/a/My Drive/doc", makedev(0, 45))->fileSystemType,
+        "fuse.sshfs");
+    EXPECT_EQ(MountTable::containing(mounts, "/home/a/My Drivel", makedev(8, 1))->fileSystemType,
+              "ext4");
     EXPECT_FALSE(MountTable::containing(mounts, "/home/a/My Drivel", makedev(0, 45)));
     EXPECT_EQ(MountTable::unescape("a\\134b\\12"), "a\\b\\12") << "only whole three-digit escapes";
 }

@@ -14,13 +14,14 @@ TEST(PasswordRules, LengthCountsWhatTheUserSees) {
         {"", 0},
         {"abc", 3},
         {"Grüße", 5},
-        {"e\xCC\x81", 1},                               // e + combining acute accent
-        {"\xF0\x9F\x91\x8D\xF0\x9F\x8F\xBD", 1},        // thumbs up with a skin tone
-        {"\xF0\x9F\x87\xA9\xF0\x9F\x87\xAA", 1},        // a flag: two regional indicators
+        {"e\xCC\x81", 1},                                     // e + combining acute accent
+        {"\xF0\x9F\x91\x8D\xF0\x9F\x8F\xBD", 1},              // thumbs up with a skin tone
+        {"\xF0\x9F\x87\xA9\xF0\x9F\x87\xAA", 1},              // a flag: two regional indicators
         {"\xF0\x9F\x91\xA9\xE2\x80\x8D\xF0\x9F\x92\xBB", 1},  // woman technologist (joined)
         {"\r\n", 1},
     };
-    for (const auto& [text, count] : rows) EXPECT_EQ(PasswordRules::characterCount(text), count) << text;
+    for (const auto& [text, count] : rows)
+        EXPECT_EQ(PasswordRules::characterCount(text), count) << text;
 }
 
 TEST(PasswordRules, ProblemOnlyBelowEightCharacters) {
@@ -29,27 +30,32 @@ TEST(PasswordRules, ProblemOnlyBelowEightCharacters) {
     EXPECT_FALSE(PasswordRules::problem("eight888"));
     std::string eightEmoji;
     for (int i = 0; i < 8; ++i) eightEmoji += "\xF0\x9F\x91\x8D\xF0\x9F\x8F\xBD";
-    EXPECT_FALSE(PasswordRules::problem(eightEmoji)) << "eight emoji are eight characters, not 64 bytes";
-    EXPECT_EQ(PasswordRules::problem("e\xCC\x81" "e\xCC\x81" "e\xCC\x81" "abcd"), "Use at least 8 characters.")
+    EXPECT_FALSE(PasswordRules::problem(eightEmoji))
+        << "eight emoji are eight characters, not 64 bytes";
+    EXPECT_EQ(PasswordRules::problem("e\xCC\x81"
+                                     "e\xCC\x81"
+                                     "e\xCC\x81"
+                                     "abcd"),
+              "Use at least 8 characters.")
         << "seven characters although ten code points";
 }
 
 TEST(PasswordRules, StrengthTable) {
     const std::pair<const char*, Strength> rows[] = {
-        {"abcdefgh", Strength::weak},              // one class
-        {"abcdefgh1", Strength::fair},             // lower and digit
-        {"abcdefgh ", Strength::fair},             // lower and other
-        {"Abcdefgh1", Strength::fair},             // three classes but only nine characters
-        {"Abcdefgh12", Strength::strong},          // ten characters, three classes
-        {"abcdefghij123", Strength::fair},         // thirteen characters, two classes
-        {"abcdefghijklmnop", Strength::strong},    // length alone
+        {"abcdefgh", Strength::weak},            // one class
+        {"abcdefgh1", Strength::fair},           // lower and digit
+        {"abcdefgh ", Strength::fair},           // lower and other
+        {"Abcdefgh1", Strength::fair},           // three classes but only nine characters
+        {"Abcdefgh12", Strength::strong},        // ten characters, three classes
+        {"abcdefghij123", Strength::fair},       // thirteen characters, two classes
+        {"abcdefghijklmnop", Strength::strong},  // length alone
         {"aaaaaaaaaaaaaa", Strength::strong},
-        {"Abc1!", Strength::weak},                 // too short whatever the mix
+        {"Abc1!", Strength::weak},  // too short whatever the mix
         {"ABCDEFGHIJ", Strength::weak},
-        {"ÀÉÎÕÜàéî12", Strength::strong},          // non-ASCII letters have case too
-        {"abcdefg\xD9\xA3", Strength::fair},       // an Arabic-Indic digit is numeric
-        {"пароль2024", Strength::fair},            // Cyrillic lower case and digits
-        {"日本語のパスワード", Strength::weak},     // letters without case: no class at all
+        {"ÀÉÎÕÜàéî12", Strength::strong},        // non-ASCII letters have case too
+        {"abcdefg\xD9\xA3", Strength::fair},     // an Arabic-Indic digit is numeric
+        {"пароль2024", Strength::fair},          // Cyrillic lower case and digits
+        {"日本語のパスワード", Strength::weak},  // letters without case: no class at all
         {"日本語のパスワード!1", Strength::fair},
         {"abcdefg\xF0\x9F\x91\x8D", Strength::fair},  // an emoji is "other"
     };
@@ -63,12 +69,15 @@ TEST(PasswordRules, StillMigratingMessageNamesAtMostThree) {
         "Corvane keeps your earlier passwords, so a forgotten item still opens if it turns up.";
     EXPECT_EQ(PasswordRules::stillMigratingMessage({}),
               "Corvane is still moving some items to your current password. " + advice);
-    EXPECT_EQ(PasswordRules::stillMigratingMessage({"A", "B", "C"}),
-              "Corvane is still moving these items to your current password: A, B and C. " + advice);
+    EXPECT_EQ(
+        PasswordRules::stillMigratingMessage({"A", "B", "C"}),
+        "Corvane is still moving these items to your current password: A, B and C. " + advice);
     EXPECT_EQ(PasswordRules::stillMigratingMessage({"A", "B", "C", "D"}),
-              "Corvane is still moving these items to your current password: A, B, C and 1 more. " + advice);
+              "Corvane is still moving these items to your current password: A, B, C and 1 more. " +
+                  advice);
     EXPECT_EQ(PasswordRules::stillMigratingMessage({"A", "B", "C", "D", "E", "F", "G"}),
-              "Corvane is still moving these items to your current password: A, B, C and 4 more. " + advice);
+              "Corvane is still moving these items to your current password: A, B, C and 4 more. " +
+                  advice);
 }
 
 TEST(StoredSecret, ChangesKeepEveryEarlierPasswordOnce) {
@@ -91,16 +100,20 @@ TEST(StoredSecret, ChangesKeepEveryEarlierPasswordOnce) {
 TEST(StoredSecret, JSONFormAndLenientReading) {
     EXPECT_EQ((StoredSecret{"p\"w/1", 2, "old", {"old"}}).encode(),
               R"({"password":"p\"w\/1","generation":2,"previous":"old","history":["old"]})");
-    EXPECT_EQ((StoredSecret{"pw", 1, std::nullopt, {}}).encode(), R"({"password":"pw","generation":1,"history":[]})");
+    EXPECT_EQ((StoredSecret{"pw", 1, std::nullopt, {}}).encode(),
+              R"({"password":"pw","generation":1,"history":[]})");
 
-    EXPECT_EQ(StoredSecret::decode(R"({"generation":4,"password":"x/y"})"), (StoredSecret{"x/y", 4, std::nullopt, {}}));
-    EXPECT_EQ(StoredSecret::decode(R"({"password":"x","generation":4,"previous":null,"history":null})"),
-              (StoredSecret{"x", 4, std::nullopt, {}}));
+    EXPECT_EQ(StoredSecret::decode(R"({"generation":4,"password":"x/y"})"),
+              (StoredSecret{"x/y", 4, std::nullopt, {}}));
+    EXPECT_EQ(
+        StoredSecret::decode(R"({"password":"x","generation":4,"previous":null,"history":null})"),
+        (StoredSecret{"x", 4, std::nullopt, {}}));
     StoredSecret full{"Grüße", 9, "b", {"a", "b"}};
     EXPECT_EQ(StoredSecret::decode(full.encode()), full);
 
     for (const char* bad : {"", "{}", R"({"password":"x"})", R"({"password":1,"generation":1})",
-                            R"({"password":"x","generation":1.5})", R"({"password":"x","generation":1,"history":"a"})"})
+                            R"({"password":"x","generation":1.5})",
+                            R"({"password":"x","generation":1,"history":"a"})"})
         EXPECT_THROW(StoredSecret::decode(bad), DecodingError) << bad;
 }
 

@@ -8,10 +8,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <algorithm>
 #include <functional>
 #include <sstream>
 #include <string>
@@ -34,7 +34,8 @@ public:
         for (auto it = std::filesystem::recursive_directory_iterator(
                  path_, std::filesystem::directory_options::skip_permission_denied, ignored);
              it != std::filesystem::recursive_directory_iterator(); it.increment(ignored))
-            if (it->is_directory(ignored) && !it->is_symlink(ignored)) chmod(it->path().c_str(), 0755);
+            if (it->is_directory(ignored) && !it->is_symlink(ignored))
+                chmod(it->path().c_str(), 0755);
         chmod(path_.c_str(), 0755);
         std::filesystem::remove_all(path_, ignored);
     }
@@ -69,7 +70,8 @@ inline mode_t permissions(const std::string& path) {
 // The names in a folder, sorted.
 inline std::vector<std::string> listing(const std::string& folder) {
     std::vector<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator(folder)) names.push_back(entry.path().filename());
+    for (const auto& entry : std::filesystem::directory_iterator(folder))
+        names.push_back(entry.path().filename());
     std::sort(names.begin(), names.end());
     return names;
 }
@@ -83,7 +85,8 @@ inline bool passesAsUnprivilegedUser(const std::function<bool()>& check) {
     pid_t child = fork();
     if (child == 0) {
         if (geteuid() == 0) {
-            if (setgroups(0, nullptr) != 0 || setgid(kNobody) != 0 || setuid(kNobody) != 0) _exit(2);
+            if (setgroups(0, nullptr) != 0 || setgid(kNobody) != 0 || setuid(kNobody) != 0)
+                _exit(2);
         }
         bool passed = false;
         try {

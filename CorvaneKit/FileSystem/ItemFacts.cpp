@@ -27,20 +27,23 @@ std::int64_t sumRegularFiles(const std::string& path, SizeOf sizeOf) {
     while (FTSENT* entry = fts_read(walk)) {
         // Unreadable folders (FTS_DNR) and entries (FTS_NS, FTS_ERR) are passed over.
         if (entry->fts_info != FTS_F) continue;
-        if (__builtin_add_overflow(total, sizeOf(*entry->fts_statp), &total)) fatalError("size overflow");
+        if (__builtin_add_overflow(total, sizeOf(*entry->fts_statp), &total))
+            fatalError("size overflow");
     }
     fts_close(walk);
     return total;
 }
 
-bool isMountPoint(const std::string& path, const struct stat& status, const std::vector<MountEntry>& mounts) {
+bool isMountPoint(const std::string& path, const struct stat& status,
+                  const std::vector<MountEntry>& mounts) {
     if (path == "/") return true;
     struct stat parent {};
     auto slash = path.rfind('/');
     std::string parentPath = slash == 0 ? "/" : path.substr(0, slash);
     if (stat(parentPath.c_str(), &parent) == 0 && parent.st_dev != status.st_dev) return true;
     // A bind mount of the same file system shows only in the mount table.
-    return std::any_of(mounts.begin(), mounts.end(), [&](const MountEntry& mount) { return mount.mountPoint == path; });
+    return std::any_of(mounts.begin(), mounts.end(),
+                       [&](const MountEntry& mount) { return mount.mountPoint == path; });
 }
 
 }  // namespace
@@ -57,7 +60,8 @@ ItemFacts ItemFacts::inspect(const std::string& path) {
     facts.isVolumeRoot = isMountPoint(real, status, mounts);
     if (auto mount = MountTable::containing(mounts, real, status.st_dev)) {
         const auto& network = LinuxDesktop::networkFileSystems;
-        facts.isNetworkVolume = std::find(network.begin(), network.end(), mount->fileSystemType) != network.end();
+        facts.isNetworkVolume =
+            std::find(network.begin(), network.end(), mount->fileSystemType) != network.end();
     }
 
     if (!facts.isSymlink) facts.size = allocatedSize(path);
@@ -65,11 +69,14 @@ ItemFacts ItemFacts::inspect(const std::string& path) {
 }
 
 std::int64_t ItemFacts::allocatedSize(const std::string& path) {
-    return sumRegularFiles(path, [](const struct stat& status) { return static_cast<std::int64_t>(status.st_blocks) * 512; });
+    return sumRegularFiles(path, [](const struct stat& status) {
+        return static_cast<std::int64_t>(status.st_blocks) * 512;
+    });
 }
 
 std::int64_t ItemFacts::logicalSize(const std::string& path) {
-    return sumRegularFiles(path, [](const struct stat& status) { return static_cast<std::int64_t>(status.st_size); });
+    return sumRegularFiles(
+        path, [](const struct stat& status) { return static_cast<std::int64_t>(status.st_size); });
 }
 
 }  // namespace corvane

@@ -15,16 +15,18 @@ struct LinuxDesktop {
 
     // Refused with everything below them...
     static constexpr std::array<std::string_view, 17> systemTrees = {
-        "/bin", "/boot", "/dev", "/etc", "/lib", "/lib32", "/lib64", "/libx32", "/opt",
-        "/proc", "/run", "/sbin", "/snap", "/srv", "/sys", "/usr", "/var",
+        "/bin",  "/boot", "/dev",  "/etc",  "/lib", "/lib32", "/lib64", "/libx32", "/opt",
+        "/proc", "/run",  "/sbin", "/snap", "/srv", "/sys",   "/usr",   "/var",
     };
 
     // ...except the user's own places inside them, named above as system locations: a drive
     // mounted under /run/media, files kept in /var/tmp.
-    static constexpr std::array<std::string_view, 2> userPlacesInSystemTrees = {"/run/media", "/var/tmp"};
+    static constexpr std::array<std::string_view, 2> userPlacesInSystemTrees = {"/run/media",
+                                                                                "/var/tmp"};
 
     // Folders of the home folder that applications rely on.
-    static constexpr std::array<std::string_view, 3> libraryFolders = {".config", ".local", ".cache"};
+    static constexpr std::array<std::string_view, 3> libraryFolders = {".config", ".local",
+                                                                       ".cache"};
 
     struct StandardFolder {
         std::string_view key;          // in ~/.config/user-dirs.dirs
@@ -41,8 +43,8 @@ struct LinuxDesktop {
 
     // File system types, as /proc/self/mountinfo names them, whose files live on another machine.
     static constexpr std::array<std::string_view, 12> networkFileSystems = {
-        "nfs", "nfs4", "cifs", "smb3", "smbfs", "afs", "ceph", "9p",
-        "fuse.sshfs", "fuse.rclone", "fuse.ceph-fuse", "fuse.s3fs",
+        "nfs",  "nfs4", "cifs",       "smb3",        "smbfs",          "afs",
+        "ceph", "9p",   "fuse.sshfs", "fuse.rclone", "fuse.ceph-fuse", "fuse.s3fs",
     };
 };
 

@@ -16,14 +16,17 @@ namespace {
 bool isAtOrBelow(std::string_view path, std::string_view folder) {
     if (path == folder) return true;
     if (folder == "/") return true;
-    return path.size() > folder.size() && path.substr(0, folder.size()) == folder && path[folder.size()] == '/';
+    return path.size() > folder.size() && path.substr(0, folder.size()) == folder &&
+           path[folder.size()] == '/';
 }
 
-bool isBelow(std::string_view path, std::string_view folder) { return path != folder && isAtOrBelow(path, folder); }
+bool isBelow(std::string_view path, std::string_view folder) {
+    return path != folder && isAtOrBelow(path, folder);
+}
 
 std::string lowercased(std::string_view text) {
-    icu::UnicodeString unicode =
-        icu::UnicodeString::fromUTF8(icu::StringPiece(text.data(), static_cast<int32_t>(text.size())));
+    icu::UnicodeString unicode = icu::UnicodeString::fromUTF8(
+        icu::StringPiece(text.data(), static_cast<int32_t>(text.size())));
     unicode.toLower(icu::Locale::getRoot());
     std::string lowered;
     return unicode.toUTF8String(lowered);
@@ -33,7 +36,9 @@ bool endsWith(std::string_view text, std::string_view suffix) {
     return text.size() >= suffix.size() && text.substr(text.size() - suffix.size()) == suffix;
 }
 
-bool startsWith(std::string_view text, std::string_view prefix) { return text.substr(0, prefix.size()) == prefix; }
+bool startsWith(std::string_view text, std::string_view prefix) {
+    return text.substr(0, prefix.size()) == prefix;
+}
 
 bool isSystemPath(std::string_view path) {
     const auto& exact = LinuxDesktop::systemLocations;
@@ -46,7 +51,8 @@ bool isSystemPath(std::string_view path) {
 
 }  // namespace
 
-LockPolicy::LockPolicy(std::string_view home, std::string_view mountsRoot, std::optional<std::string_view> appBundle)
+LockPolicy::LockPolicy(std::string_view home, std::string_view mountsRoot,
+                       std::optional<std::string_view> appBundle)
     : home_(realPath(home)),
       mountsRoot_(realPath(mountsRoot)),
       appBundle_(appBundle ? std::optional(realPath(*appBundle)) : std::nullopt),
@@ -80,7 +86,8 @@ std::optional<LockRefusal> LockPolicy::refusal(std::string_view url, const ItemF
             return LockRefusal::insideLockedItem;
     }
     std::string last = components.size() > 1 ? lowered.back() : "";
-    if (endsWith(last, ".corvlock") || startsWith(last, ".corvane-")) return LockRefusal::alreadyLocked;
+    if (endsWith(last, ".corvlock") || startsWith(last, ".corvane-"))
+        return LockRefusal::alreadyLocked;
 
     if (facts.isNetworkVolume) return LockRefusal::networkVolume;
     if (facts.isVolumeRoot) return LockRefusal::volumeRoot;

@@ -16,11 +16,13 @@ namespace corvane {
 
 class LockPolicy {
 public:
-    static constexpr std::int64_t maxBytes = 2'000'000'000'000;  // the largest image Corvane creates
+    static constexpr std::int64_t maxBytes =
+        2'000'000'000'000;  // the largest image Corvane creates
 
     // Each location is kept as its real path; the user's Desktop, Documents and Downloads are read
     // from the home folder's desktop settings once, here.
-    LockPolicy(std::string_view home, std::string_view mountsRoot, std::optional<std::string_view> appBundle);
+    LockPolicy(std::string_view home, std::string_view mountsRoot,
+               std::optional<std::string_view> appBundle);
 
     // Nothing when the item at `path` may be locked.
     std::optional<LockRefusal> refusal(std::string_view path, const ItemFacts& facts) const;

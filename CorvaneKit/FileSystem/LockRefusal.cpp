@@ -49,7 +49,8 @@ std::string_view LockRefusals::message(LockRefusal refusal, const Wording& wordi
         case LockRefusal::insideLockedItem:
             return "This is inside a locked item or a disk image, so Corvane cannot lock it.";
         case LockRefusal::tooLarge: return "Corvane locks items up to 2 TB.";
-        case LockRefusal::shortcut: return "This is a shortcut to another item. Lock the original instead.";
+        case LockRefusal::shortcut:
+            return "This is a shortcut to another item. Lock the original instead.";
     }
     return {};
 }

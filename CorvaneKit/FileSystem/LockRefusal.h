@@ -29,11 +29,11 @@ enum class LockRefusal {
 
 struct LockRefusals {
     static constexpr std::array all = {
-        LockRefusal::doesNotExist,       LockRefusal::systemLocation,   LockRefusal::homeFolder,
-        LockRefusal::standardFolder,     LockRefusal::libraryFolder,    LockRefusal::application,
-        LockRefusal::corvaneItself,      LockRefusal::volumeRoot,       LockRefusal::networkVolume,
-        LockRefusal::alreadyLocked,      LockRefusal::insideUnlockedItem, LockRefusal::insideLockedItem,
-        LockRefusal::tooLarge,           LockRefusal::shortcut,
+        LockRefusal::doesNotExist,   LockRefusal::systemLocation,     LockRefusal::homeFolder,
+        LockRefusal::standardFolder, LockRefusal::libraryFolder,      LockRefusal::application,
+        LockRefusal::corvaneItself,  LockRefusal::volumeRoot,         LockRefusal::networkVolume,
+        LockRefusal::alreadyLocked,  LockRefusal::insideUnlockedItem, LockRefusal::insideLockedItem,
+        LockRefusal::tooLarge,       LockRefusal::shortcut,
     };
 
     static std::string_view rawValue(LockRefusal refusal);

@@ -22,7 +22,8 @@ std::vector<MountEntry> MountTable::parse(std::string_view text) {
         std::istringstream fields(line);
         std::vector<std::string> words;
         for (std::string word; fields >> word;) words.push_back(word);
-        // id parent major:minor root mountpoint options [optional fields...] - type source superoptions
+        // id parent major:minor root mountpoint options [optional fields...] - type source
+        // superoptions
         std::size_t separator = 6;
         while (separator < words.size() && words[separator] != "-") ++separator;
         if (words.size() < 7 || separator + 2 >= words.size()) continue;
@@ -40,9 +41,10 @@ std::string MountTable::unescape(std::string_view field) {
     auto octal = [](char c) { return c >= '0' && c <= '7'; };
     std::string text;
     for (std::size_t i = 0; i < field.size(); ++i) {
-        if (field[i] == '\\' && i + 3 < field.size() && octal(field[i + 1]) && octal(field[i + 2]) &&
-            octal(field[i + 3])) {
-            text += static_cast<char>((field[i + 1] - '0') * 64 + (field[i + 2] - '0') * 8 + (field[i + 3] - '0'));
+        if (field[i] == '\\' && i + 3 < field.size() && octal(field[i + 1]) &&
+            octal(field[i + 2]) && octal(field[i + 3])) {
+            text += static_cast<char>((field[i + 1] - '0') * 64 + (field[i + 2] - '0') * 8 +
+                                      (field[i + 3] - '0'));
             i += 3;
             continue;
         }
@@ -51,13 +53,13 @@ std::string MountTable::unescape(std::string_view field) {
     return text;
 }
 
-std::optional<MountEntry> MountTable::containing(const std::vector<MountEntry>& mounts, std::string_view path,
-                                                 dev_t device) {
+std::optional<MountEntry> MountTable::containing(const std::vector<MountEntry>& mounts,
+                                                 std::string_view path, dev_t device) {
     auto holds = [&](const std::string& mountPoint) {
         if (mountPoint == "/") return true;
         return path == mountPoint ||
-               (path.size() > mountPoint.size() && path.substr(0, mountPoint.size()) == mountPoint &&
-                path[mountPoint.size()] == '/');
+               (path.size() > mountPoint.size() &&
+                path.substr(0, mountPoint.size()) == mountPoint && path[mountPoint.size()] == '/');
     };
     std::optional<MountEntry> best;
     for (const auto& mount : mounts) {

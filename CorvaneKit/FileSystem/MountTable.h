@@ -27,8 +27,8 @@ struct MountTable {
     static std::string unescape(std::string_view field);
 
     // The mount that holds `path` (a real path) on `device`: the deepest matching mount point.
-    static std::optional<MountEntry> containing(const std::vector<MountEntry>& mounts, std::string_view path,
-                                                dev_t device);
+    static std::optional<MountEntry> containing(const std::vector<MountEntry>& mounts,
+                                                std::string_view path, dev_t device);
 };
 
 }  // namespace corvane

@@ -11,7 +11,9 @@ struct TreeMismatch {
     std::string reason;
 
     // "path: reason", with "(item)" standing for the root.
-    std::string description() const { return (path.empty() ? std::string("(item)") : path) + ": " + reason; }
+    std::string description() const {
+        return (path.empty() ? std::string("(item)") : path) + ": " + reason;
+    }
 
     bool operator==(const TreeMismatch&) const = default;
 };

@@ -33,13 +33,15 @@ std::vector<std::string> UserDirectories::standardFolders(const std::string& hom
     for (std::string line; std::getline(file, line);) {
         auto equals = line.find('=');
         if (line.empty() || line.front() == '#' || equals == std::string::npos) continue;
-        if (auto value = folderValue(line.substr(equals + 1), home)) configured[line.substr(0, equals)] = *value;
+        if (auto value = folderValue(line.substr(equals + 1), home))
+            configured[line.substr(0, equals)] = *value;
     }
     std::vector<std::string> folders;
     for (const auto& folder : LinuxDesktop::standardFolders) {
         auto found = configured.find(std::string(folder.key));
-        folders.push_back(realPath(found != configured.end() ? found->second
-                                                             : home + "/" + std::string(folder.defaultName)));
+        folders.push_back(realPath(found != configured.end()
+                                       ? found->second
+                                       : home + "/" + std::string(folder.defaultName)));
     }
     return folders;
 }

@@ -6,7 +6,8 @@
 
 namespace corvane {
 
-const std::string Activity::quittingRefusal = "Corvane is quitting, so it cannot start anything new.";
+const std::string Activity::quittingRefusal =
+    "Corvane is quitting, so it cannot start anything new.";
 
 Uuid Activity::begin(std::string description) {
     Uuid id = Uuid::random();

@@ -36,9 +36,11 @@ std::string trimmedNumber(double value, int fractionDigits) {
 }  // namespace
 
 std::string ByteCount::file(std::int64_t bytes) {
-    std::uint64_t magnitude = bytes < 0 ? 0 - static_cast<std::uint64_t>(bytes) : static_cast<std::uint64_t>(bytes);
+    std::uint64_t magnitude =
+        bytes < 0 ? 0 - static_cast<std::uint64_t>(bytes) : static_cast<std::uint64_t>(bytes);
     std::string sign = bytes < 0 ? "-" : "";
-    if (magnitude < 1000) return sign + std::to_string(magnitude) + (magnitude == 1 ? " byte" : " bytes");
+    if (magnitude < 1000)
+        return sign + std::to_string(magnitude) + (magnitude == 1 ? " byte" : " bytes");
 
     auto value = static_cast<double>(magnitude);
     std::size_t unit = 0;

@@ -48,10 +48,10 @@ public:
         bool operator==(const SpaceShortfall&) const = default;
     };
 
-    // Whatever the case carries: nothing, byte counts, application names, a text (a tool's report or
-    // an item's display name), tree differences or a refusal.
-    using Payload = std::variant<std::monostate, SpaceShortfall, std::vector<std::string>, std::string,
-                                 std::vector<TreeMismatch>, LockRefusal>;
+    // Whatever the case carries: nothing, byte counts, application names, a text (a tool's report
+    // or an item's display name), tree differences or a refusal.
+    using Payload = std::variant<std::monostate, SpaceShortfall, std::vector<std::string>,
+                                 std::string, std::vector<TreeMismatch>, LockRefusal>;
 
     struct Notice {
         std::string title;

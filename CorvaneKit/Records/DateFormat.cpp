@@ -1,7 +1,7 @@
 #include "Records/DateFormat.h"
 
-#include <ctime>
 #include <cstdio>
+#include <ctime>
 
 namespace corvane {
 
@@ -36,8 +36,8 @@ std::string DateFormat::iso8601(Date date) {
 std::optional<Date> DateFormat::parseISO8601(std::string_view text) {
     using namespace std::chrono;
     // 2025-03-01T09:15:00 is 19 characters; the zone follows.
-    if (text.size() < 20 || text[4] != '-' || text[7] != '-' || text[10] != 'T' || text[13] != ':' ||
-        text[16] != ':')
+    if (text.size() < 20 || text[4] != '-' || text[7] != '-' || text[10] != 'T' ||
+        text[13] != ':' || text[16] != ':')
         return std::nullopt;
     auto y = digits(text, 0, 4), mo = digits(text, 5, 2), d = digits(text, 8, 2);
     auto h = digits(text, 11, 2), mi = digits(text, 14, 2), s = digits(text, 17, 2);

@@ -21,7 +21,8 @@ std::optional<FileIdentity> FileIdentity::of(const std::string& path) {
 }
 
 nlohmann::json FileIdentity::toJSON() const {
-    return {{"inode", inode}, {"birthSeconds", birthSeconds}, {"birthNanoseconds", birthNanoseconds}};
+    return {
+        {"inode", inode}, {"birthSeconds", birthSeconds}, {"birthNanoseconds", birthNanoseconds}};
 }
 
 FileIdentity FileIdentity::fromJSON(const nlohmann::json& value) {

@@ -32,7 +32,8 @@ void ItemIndex::save(const std::vector<LockedItem>& items) const {
 
 void ItemIndex::upsert(const LockedItem& item) const {
     auto items = load();
-    auto known = std::find_if(items.begin(), items.end(), [&](const LockedItem& each) { return each.id == item.id; });
+    auto known = std::find_if(items.begin(), items.end(),
+                              [&](const LockedItem& each) { return each.id == item.id; });
     if (known != items.end())
         *known = item;
     else

@@ -53,8 +53,8 @@ std::optional<ItemMarker> ItemMarker::read(const std::string& volume) {
 }
 
 bool ItemMarker::isSafeName(std::string_view name) {
-    return !name.empty() && name != "." && name != ".." && name.find('/') == std::string_view::npos &&
-           name.find('\0') == std::string_view::npos;
+    return !name.empty() && name != "." && name != ".." &&
+           name.find('/') == std::string_view::npos && name.find('\0') == std::string_view::npos;
 }
 
 }  // namespace corvane

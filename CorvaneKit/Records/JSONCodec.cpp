@@ -23,7 +23,11 @@ bool isValidUTF8(std::string_view text) {
     std::size_t i = 0;
     while (i < text.size()) {
         auto byte = static_cast<unsigned char>(text[i]);
-        std::size_t length = byte < 0x80 ? 1 : (byte >> 5) == 0x6 ? 2 : (byte >> 4) == 0xE ? 3 : (byte >> 3) == 0x1E ? 4 : 0;
+        std::size_t length = byte < 0x80           ? 1
+                             : (byte >> 5) == 0x6  ? 2
+                             : (byte >> 4) == 0xE  ? 3
+                             : (byte >> 3) == 0x1E ? 4
+                                                   : 0;
         if (length == 0 || i + length > text.size()) return false;
         std::uint32_t scalar = length == 1 ? byte : byte & (0xFF >> (length + 1));
         for (std::size_t k = 1; k < length; ++k) {
@@ -32,7 +36,9 @@ bool isValidUTF8(std::string_view text) {
             scalar = (scalar << 6) | (next & 0x3F);
         }
         static constexpr std::uint32_t kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};
-        if (scalar < kSmallest[length] || scalar > 0x10FFFF || (scalar >= 0xD800 && scalar <= 0xDFFF)) return false;
+        if (scalar < kSmallest[length] || scalar > 0x10FFFF ||
+            (scalar >= 0xD800 && scalar <= 0xDFFF))
+            return false;
         i += length;
     }
     return true;
@@ -104,9 +110,12 @@ void append(std::string& out, const Json& value, bool pretty, int depth) {
     }
 }
 
-void writeReplacing(std::string_view data, const std::string& path, mode_t fileMode, mode_t directoryMode) {
+void writeReplacing(std::string_view data, const std::string& path, mode_t fileMode,
+                    mode_t directoryMode) {
     auto slash = path.rfind('/');
-    std::string directory = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+    std::string directory = slash == std::string::npos ? "."
+                            : slash == 0               ? "/"
+                                                       : path.substr(0, slash);
     std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
     JSONCodec::createDirectories(directory, directoryMode);
 
@@ -216,14 +225,16 @@ std::optional<std::string> JSONCodec::readIfPresent(const std::string& path) {
     return contents;
 }
 
-std::string JSONCodec::setAside(const std::string& path, std::chrono::system_clock::time_point now) {
+std::string JSONCodec::setAside(const std::string& path,
+                                std::chrono::system_clock::time_point now) {
     std::string base = path + ".damaged-" + DateFormat::localStamp(now);
     for (int counter = 1;; ++counter) {
         std::string candidate = counter == 1 ? base : base + "-" + std::to_string(counter);
         struct stat existing {};
         if (lstat(candidate.c_str(), &existing) == 0) continue;
         // Refuse to replace a file that appeared since the check: nothing may be overwritten.
-        if (renameat2(AT_FDCWD, path.c_str(), AT_FDCWD, candidate.c_str(), RENAME_NOREPLACE) == 0) return candidate;
+        if (renameat2(AT_FDCWD, path.c_str(), AT_FDCWD, candidate.c_str(), RENAME_NOREPLACE) == 0)
+            return candidate;
         if (errno == EEXIST) continue;
         if (errno != EINVAL && errno != ENOTSUP) throwErrno(path);
         if (rename(path.c_str(), candidate.c_str()) != 0) throwErrno(path);

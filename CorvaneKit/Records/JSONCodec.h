@@ -41,13 +41,14 @@ struct JSONCodec {
     // std::system_error naming the path.
     static std::optional<std::string> readIfPresent(const std::string& path);
 
-    // Renames a damaged record to NAME.damaged-yyyyMMdd-HHmmss (then -2, -3 … when taken) in the same
-    // folder and returns the new path. Never deletes; a failed rename throws and leaves the file.
-    static std::string setAside(const std::string& path,
-                                std::chrono::system_clock::time_point now = std::chrono::system_clock::now());
+    // Renames a damaged record to NAME.damaged-yyyyMMdd-HHmmss (then -2, -3 … when taken) in the
+    // same folder and returns the new path. Never deletes; a failed rename throws and leaves the
+    // file.
+    static std::string setAside(const std::string& path, std::chrono::system_clock::time_point now =
+                                                             std::chrono::system_clock::now());
 
-    // Reads a record file holding a JSON array. An undecodable file is set aside and reads as empty;
-    // `damaged` then says so.
+    // Reads a record file holding a JSON array. An undecodable file is set aside and reads as
+    // empty; `damaged` then says so.
     template <class Record>
     struct Loaded {
         std::vector<Record> records;

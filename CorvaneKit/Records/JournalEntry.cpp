@@ -12,11 +12,8 @@ std::optional<JournalEntry::Kind> JournalEntry::kindFromRawValue(std::string_vie
 
 nlohmann::json JournalEntry::toJSON() const {
     nlohmann::json value = {
-        {"id", id.string()},
-        {"kind", rawValue(kind)},
-        {"originalPath", originalPath},
-        {"partialPath", partialPath},
-        {"finalPath", finalPath},
+        {"id", id.string()},          {"kind", rawValue(kind)}, {"originalPath", originalPath},
+        {"partialPath", partialPath}, {"finalPath", finalPath},
     };
     if (lockedIdentity) value["lockedIdentity"] = lockedIdentity->toJSON();
     if (lockedAt) value["lockedAt"] = DateFormat::iso8601(*lockedAt);

@@ -39,7 +39,8 @@ std::optional<std::string> Locator::resolve(const std::vector<std::uint8_t>& loc
     }
     auto isTheItem = [&](const std::string& candidate) {
         struct stat status {};
-        return lstat(candidate.c_str(), &status) == 0 && status.st_dev == device && status.st_ino == inode;
+        return lstat(candidate.c_str(), &status) == 0 && status.st_dev == device &&
+               status.st_ino == inode;
     };
     if (isTheItem(path)) return path;
 

@@ -5,7 +5,9 @@
 
 namespace corvane {
 
-std::string_view LockedItem::rawValue(Kind kind) { return kind == Kind::file ? "file" : "folder"; }
+std::string_view LockedItem::rawValue(Kind kind) {
+    return kind == Kind::file ? "file" : "folder";
+}
 
 std::optional<LockedItem::Kind> LockedItem::kindFromRawValue(std::string_view raw) {
     if (raw == "file") return Kind::file;

@@ -25,9 +25,11 @@ struct CharacterClasses {
 // Calls `visit` with each grapheme cluster of `text`.
 template <class Visit>
 std::size_t forEachCharacter(std::string_view text, Visit visit) {
-    icu::UnicodeString unicode = icu::UnicodeString::fromUTF8(icu::StringPiece(text.data(), static_cast<int32_t>(text.size())));
+    icu::UnicodeString unicode = icu::UnicodeString::fromUTF8(
+        icu::StringPiece(text.data(), static_cast<int32_t>(text.size())));
     UErrorCode status = U_ZERO_ERROR;
-    std::unique_ptr<icu::BreakIterator> characters(icu::BreakIterator::createCharacterInstance(icu::Locale::getRoot(), status));
+    std::unique_ptr<icu::BreakIterator> characters(
+        icu::BreakIterator::createCharacterInstance(icu::Locale::getRoot(), status));
     if (U_FAILURE(status)) {
         // Without break rules, count code points: still a safe lower bound for the length rule.
         std::size_t count = 0;
@@ -37,8 +39,8 @@ std::size_t forEachCharacter(std::string_view text, Visit visit) {
     }
     characters->setText(unicode);
     std::size_t count = 0;
-    for (int32_t start = characters->first(), end = characters->next(); end != icu::BreakIterator::DONE;
-         start = end, end = characters->next(), ++count)
+    for (int32_t start = characters->first(), end = characters->next();
+         end != icu::BreakIterator::DONE; start = end, end = characters->next(), ++count)
         visit(icu::UnicodeString(unicode, start, end - start));
     return count;
 }
@@ -74,7 +76,8 @@ std::optional<std::string> PasswordRules::problem(std::string_view password) {
 
 PasswordRules::Strength PasswordRules::strength(std::string_view password) {
     CharacterClasses classes;
-    std::size_t length = forEachCharacter(password, [&](const icu::UnicodeString& c) { classify(c, classes); });
+    std::size_t length =
+        forEachCharacter(password, [&](const icu::UnicodeString& c) { classify(c, classes); });
     if (length >= 14) return Strength::strong;
     if (length >= 10 && classes.count() >= 3) return Strength::strong;
     if (length >= 8 && classes.count() >= 2) return Strength::fair;
@@ -85,14 +88,15 @@ std::string PasswordRules::stillMigratingMessage(const std::vector<std::string>&
     static const std::string advice =
         "Find or unlock them, or choose Forget in the list if they are gone, then try again. Forgetting is safe: "
         "Corvane keeps your earlier passwords, so a forgotten item still opens if it turns up.";
-    if (names.empty()) return "Corvane is still moving some items to your current password. " + advice;
+    if (names.empty())
+        return "Corvane is still moving some items to your current password. " + advice;
     std::vector<std::string> shown = names;
     if (shown.size() >= 4) {
         shown.resize(3);
         shown.push_back(std::to_string(names.size() - 3) + " more");
     }
-    return "Corvane is still moving these items to your current password: " + CorvaneError::list(shown) + ". " +
-           advice;
+    return "Corvane is still moving these items to your current password: " +
+           CorvaneError::list(shown) + ". " + advice;
 }
 
 }  // namespace corvane

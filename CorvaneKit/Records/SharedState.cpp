@@ -24,7 +24,8 @@ std::optional<SharedState> SharedState::read(const std::optional<std::string>& p
         const auto& paths = JSONFields::required(value, "unlockedPaths");
         if (!paths.is_array()) return std::nullopt;
         SharedState state;
-        for (const auto& each : paths) state.unlockedPaths.push_back(JSONFields::string(each, "unlockedPaths"));
+        for (const auto& each : paths)
+            state.unlockedPaths.push_back(JSONFields::string(each, "unlockedPaths"));
         state.bootTime = JSONFields::requiredInt64(value, "bootTime");
         return state;
     } catch (const std::exception&) {

@@ -9,7 +9,8 @@
 namespace corvane {
 
 StoredSecret StoredSecret::changing(const std::string& newPassword) const {
-    if (generation == std::numeric_limits<std::int64_t>::max()) fatalError("password generation overflow");
+    if (generation == std::numeric_limits<std::int64_t>::max())
+        fatalError("password generation overflow");
     StoredSecret changed;
     changed.password = newPassword;
     changed.generation = generation + 1;
@@ -54,7 +55,8 @@ StoredSecret StoredSecret::decode(std::string_view text) {
     secret.previous = JSONFields::optionalString(value, "previous");
     if (auto* history = JSONFields::optional(value, "history")) {
         if (!history->is_array()) throw DecodingError("history is not an array");
-        for (const auto& each : *history) secret.history.push_back(JSONFields::string(each, "history"));
+        for (const auto& each : *history)
+            secret.history.push_back(JSONFields::string(each, "history"));
     }
     return secret;
 }
