@@ -1,0 +1,472 @@
+// The engine's JSON record files: their exact bytes, what readers tolerate, what counts as damage,
+// how damage is kept for a person to look at, and the item index and journal built on them.
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <ctime>
+#include <regex>
+#include <system_error>
+
+#include "Records/ItemIndex.h"
+#include "Records/JSONCodec.h"
+#include "Records/OperationJournal.h"
+#include "TestSupport.h"
+
+namespace corvane {
+namespace {
+
+using namespace corvane::testing;
+
+const std::string kData = CORVANE_TEST_DATA;
+
+Uuid uuid(const char* text) {
+    return Uuid::parse(text).value();
+}
+Date date(const char* text) {
+    return DateFormat::parseISO8601(text).value();
+}
+
+// The records held by tests/data/items.json: one with every optional, one with none.
+std::vector<LockedItem> goldenItems() {
+    LockedItem full;
+    full.id = uuid("0f4a1c2e-8b7d-4e21-9c3a-5d6e7f809a1b");
+    full.displayName = "Steuererklärung 日本語.pdf";
+    full.kind = LockedItem::Kind::file;
+    full.bookmark = std::vector<std::uint8_t>{0x00, 0x01, 0x02, 0xFF};
+    full.lastKnownPath = "/home/ana/Documents/Taxes 2024/Steuererklärung 日本語.pdf";
+    full.createdAt = date("2025-03-01T09:15:00Z");
+    full.passwordGeneration = 3;
+    full.stage = LockedItem::Stage::originalPending;
+    full.originalPath = "/home/ana/Desktop/Steuererklärung 日本語.pdf";
+    full.contentSize = 1048576;
+
+    LockedItem minimal;
+    minimal.id = uuid("7C2E9D41-3A5B-4F60-8E1D-2B3C4D5E6F70");
+    minimal.displayName = "Photos";
+    minimal.kind = LockedItem::Kind::folder;
+    minimal.lastKnownPath = "/media/usb/Photos";
+    minimal.createdAt = date("2024-12-31T23:59:59Z");
+    minimal.passwordGeneration = 1;
+    minimal.stage = LockedItem::Stage::complete;
+    return {full, minimal};
+}
+
+// The entries held by tests/data/operations.json.
+std::vector<JournalEntry> goldenEntries() {
+    JournalEntry full;
+    full.id = uuid("A1B2C3D4-E5F6-4789-8ABC-DEF012345678");
+    full.kind = JournalEntry::Kind::lock;
+    full.originalPath = "/home/ana/Documents/Grüße";
+    full.partialPath = "/home/ana/Documents/.Grüße.corvane-partial";
+    full.finalPath = "/home/ana/Documents/Grüße.corvane";
+    full.lockedIdentity = FileIdentity{1234567, 1740820500, 250000000};
+    full.lockedAt = date("2025-03-01T10:15:00+01:00");
+    full.deletingPath = "/home/ana/Documents/.Grüße.corvane-deleting";
+
+    JournalEntry minimal;
+    minimal.id = uuid("5E6F7081-92A3-44B5-86C7-D8E9FA0B1C2D");
+    minimal.kind = JournalEntry::Kind::restore;
+    minimal.originalPath = "/srv/Ärzte/Befund.pdf";
+    minimal.partialPath = "/srv/Ärzte/.Befund.pdf.partial";
+    minimal.finalPath = "/srv/Ärzte/Befund.pdf.corvane";
+    return {full, minimal};
+}
+
+LockedItem itemNamed(const std::string& name, const std::string& path) {
+    LockedItem item;
+    item.id = Uuid::random();
+    item.displayName = name;
+    item.lastKnownPath = path;
+    item.createdAt = date("2025-03-01T09:15:00Z");
+    return item;
+}
+
+JournalEntry entryFor(const std::string& path) {
+    JournalEntry entry;
+    entry.id = Uuid::random();
+    entry.originalPath = path;
+    entry.partialPath = path + ".partial";
+    entry.finalPath = path + ".corvane";
+    return entry;
+}
+
+// The one file a folder should hold after a damaged record was set aside, or "" when it holds
+// anything else.
+std::string onlySetAsideFile(const std::string& folder, const std::string& name) {
+    auto names = listing(folder);
+    static const std::regex stamped(R"(.*\.damaged-\d{8}-\d{6})");
+    if (names.size() != 1 || names[0].rfind(name + ".damaged-", 0) != 0 ||
+        !std::regex_match(names[0], stamped))
+        return "";
+    return folder + "/" + names[0];
+}
+
+// Sets TZ for one test and puts back what was there.
+class ScopedTimeZone {
+public:
+    explicit ScopedTimeZone(const char* zone) {
+        if (const char* old = std::getenv("TZ")) saved_ = old;
+        setenv("TZ", zone, 1);
+        tzset();
+    }
+    ~ScopedTimeZone() {
+        if (saved_)
+            setenv("TZ", saved_->c_str(), 1);
+        else
+            unsetenv("TZ");
+        tzset();
+    }
+
+private:
+    std::optional<std::string> saved_;
+};
+
+TEST(JSONCodec, RecordsAreWrittenByteForByteAsTheGoldenFiles) {
+    TempDir dir;
+    ItemIndex(dir / "items.json").save(goldenItems());
+    EXPECT_EQ(readFile(dir / "items.json"), readFile(kData + "/items.json"));
+    OperationJournal journal(dir / "operations.json");
+    for (const auto& entry : goldenEntries()) journal.add(entry);
+    EXPECT_EQ(readFile(dir / "operations.json"), readFile(kData + "/operations.json"));
+
+    ItemIndex(dir / "empty.json").save({});
+    EXPECT_EQ(readFile(dir / "empty.json"), "[]");
+}
+
+TEST(JSONCodec, GoldenFilesReadBackAsTheirRecords) {
+    EXPECT_EQ(ItemIndex(kData + "/items.json").load(), goldenItems());
+    EXPECT_EQ(OperationJournal(kData + "/operations.json").load(), goldenEntries());
+}
+
+TEST(JSONCodec, StringsSurviveEncodingAndInvalidUTF8IsRefused) {
+    for (std::string text : {std::string("a/b\\c\"d"), std::string("tab\tnew\nline\x01\x1f end"),
+                             std::string("日本語 / Grüße")}) {
+        std::string encoded = JSONCodec::encode(nlohmann::json::array({text}));
+        EXPECT_EQ(JSONCodec::decode(encoded), nlohmann::json::array({text})) << encoded;
+        std::string quoted =
+            encoded.substr(encoded.find('"'), encoded.rfind('"') - encoded.find('"') + 1);
+        EXPECT_TRUE(std::none_of(quoted.begin(), quoted.end(), [](unsigned char c) {
+            return c < 0x20;
+        })) << quoted;
+        for (std::size_t slash = quoted.find('/'); slash != std::string::npos;
+             slash = quoted.find('/', slash + 1))
+            EXPECT_EQ(quoted[slash - 1], '\\') << quoted;
+    }
+    EXPECT_THROW(JSONCodec::encode(nlohmann::json::array({std::string("\xC3\x28")})),
+                 std::invalid_argument);
+    EXPECT_THROW(JSONCodec::encode(nlohmann::json::array({std::string("\xED\xA0\x80")})),
+                 std::invalid_argument);
+}
+
+TEST(JSONCodec, ReadersTolerateUnescapedSlashesNullsAndUnknownKeys) {
+    TempDir dir;
+    writeFile(dir / "items.json",
+              R"([{"id":"7c2e9d41-3a5b-4f60-8e1d-2b3c4d5e6f70","displayName":"Photos",
+        "kind":"folder","lastKnownPath":"/media/usb/Photos","createdAt":"2024-12-31T23:59:59Z",
+        "passwordGeneration":1,"stage":"complete","bookmark":null,"originalPath":null,
+        "contentSize":null,"addedInALaterVersion":{"x":[1,2]}}])");
+    auto loaded = ItemIndex(dir / "items.json").loadReportingDamage();
+    EXPECT_FALSE(loaded.damaged);
+    EXPECT_EQ(loaded.items, std::vector<LockedItem>{goldenItems()[1]});
+
+    writeFile(dir / "operations.json",
+              R"([{"id":"5E6F7081-92A3-44B5-86C7-D8E9FA0B1C2D","kind":"restore",
+        "originalPath":"/srv/Ärzte/Befund.pdf","partialPath":"\/srv\/Ärzte\/.Befund.pdf.partial",
+        "finalPath":"/srv/Ärzte/Befund.pdf.corvane","lockedIdentity":null,"lockedAt":null,
+        "deletingPath":null,"note":"ignored"}])");
+    EXPECT_EQ(OperationJournal(dir / "operations.json").load(),
+              std::vector<JournalEntry>{goldenEntries()[1]});
+}
+
+// Writes `contents` as a record file, loads it and checks that it was set aside intact.
+template <class Records>
+void expectSetAside(const std::string& contents, const std::string& why) {
+    TempDir dir;
+    writeFile(dir / "records.json", contents);
+    auto loaded = Records(dir / "records.json").loadReportingDamage();
+    EXPECT_TRUE(loaded.damaged) << why;
+    std::string kept = onlySetAsideFile(dir.path(), "records.json");
+    ASSERT_NE(kept, "") << why;
+    EXPECT_EQ(readFile(kept), contents) << why;
+    if constexpr (std::is_same_v<Records, ItemIndex>)
+        EXPECT_TRUE(loaded.items.empty()) << why;
+    else
+        EXPECT_TRUE(loaded.entries.empty()) << why;
+}
+
+TEST(ItemIndex, UndecodableFilesAreSetAsideNotDeleted) {
+    auto golden = nlohmann::json::parse(readFile(kData + "/items.json"));
+    auto with = [&](const std::function<void(nlohmann::json&)>& change) {
+        auto record = golden[0];
+        change(record);
+        return nlohmann::json::array({record}).dump();
+    };
+    std::vector<std::pair<std::string, std::string>> cases = {
+        {"zero bytes", ""},
+        {"object", "{}"},
+        {"wrong id type", R"([{"id":1}])"},
+        {"element not object", "[1]"},
+        {"fractional seconds", with([](auto& r) { r["createdAt"] = "2025-03-01T09:15:00.5Z"; })},
+        {"date without zone", with([](auto& r) { r["createdAt"] = "2025-03-01T09:15:00"; })},
+        {"unknown kind", with([](auto& r) { r["kind"] = "symlink"; })},
+        {"unknown stage", with([](auto& r) { r["stage"] = "done"; })},
+        {"generation as text", with([](auto& r) { r["passwordGeneration"] = "3"; })},
+        {"generation fractional", with([](auto& r) { r["passwordGeneration"] = 3.5; })},
+        {"name as number", with([](auto& r) { r["displayName"] = 7; })},
+        {"bookmark not base64", with([](auto& r) { r["bookmark"] = "AAEC/w="; })},
+        {"id not a uuid", with([](auto& r) { r["id"] = "0F4A1C2E8B7D4E219C3A5D6E7F809A1B"; })},
+        {"size as text", with([](auto& r) { r["contentSize"] = "1"; })},
+    };
+    for (const char* key :
+         {"id", "displayName", "kind", "lastKnownPath", "createdAt", "passwordGeneration", "stage"})
+        cases.emplace_back(std::string("missing ") + key, with([&](auto& r) { r.erase(key); }));
+    for (const auto& [why, contents] : cases) expectSetAside<ItemIndex>(contents, why);
+
+    TempDir dir;
+    writeFile(dir / "items.json", "[]");
+    auto loaded = ItemIndex(dir / "items.json").loadReportingDamage();
+    EXPECT_FALSE(loaded.damaged);
+    EXPECT_TRUE(loaded.items.empty());
+    EXPECT_EQ(listing(dir.path()), std::vector<std::string>{"items.json"});
+    EXPECT_FALSE(ItemIndex(dir / "absent.json").loadReportingDamage().damaged);
+}
+
+TEST(OperationJournal, UndecodableFilesAreSetAsideNotDeleted) {
+    auto golden = nlohmann::json::parse(readFile(kData + "/operations.json"));
+    auto with = [&](const std::function<void(nlohmann::json&)>& change) {
+        auto record = golden[0];
+        change(record);
+        return nlohmann::json::array({record}).dump();
+    };
+    std::vector<std::pair<std::string, std::string>> cases = {
+        {"object", R"({"id":"A1B2C3D4-E5F6-4789-8ABC-DEF012345678"})"},
+        {"unknown kind", with([](auto& r) { r["kind"] = "move"; })},
+        {"fractional seconds", with([](auto& r) { r["lockedAt"] = "2025-03-01T09:15:00.5Z"; })},
+        {"identity not object", with([](auto& r) { r["lockedIdentity"] = 1234567; })},
+        {"negative inode", with([](auto& r) { r["lockedIdentity"]["inode"] = -1; })},
+        {"path as array", with([](auto& r) { r["finalPath"] = nlohmann::json::array({"/a"}); })},
+    };
+    for (const char* key : {"id", "kind", "originalPath", "partialPath", "finalPath"})
+        cases.emplace_back(std::string("missing ") + key, with([&](auto& r) { r.erase(key); }));
+    for (const char* key : {"inode", "birthSeconds", "birthNanoseconds"})
+        cases.emplace_back(std::string("identity missing ") + key,
+                           with([&](auto& r) { r["lockedIdentity"].erase(key); }));
+    for (const auto& [why, contents] : cases) expectSetAside<OperationJournal>(contents, why);
+}
+
+TEST(JSONCodec, SetAsideNamesCountUpWithinOneSecondInLocalTime) {
+    TempDir dir;
+    auto now = std::chrono::system_clock::time_point(date("2025-03-01T09:15:00Z")) +
+               std::chrono::milliseconds(400);
+    {
+        ScopedTimeZone utc("UTC");
+        for (const char* expected :
+             {"items.json.damaged-20250301-091500", "items.json.damaged-20250301-091500-2",
+              "items.json.damaged-20250301-091500-3"}) {
+            writeFile(dir / "items.json", expected);
+            EXPECT_EQ(JSONCodec::setAside(dir / "items.json", now), dir / expected);
+            EXPECT_EQ(readFile(dir / expected), expected);
+        }
+    }
+    {
+        // POSIX zone two hours east of UTC: the stamp is the wall clock a person sees.
+        ScopedTimeZone east("XYZ-2");
+        writeFile(dir / "operations.json", "x");
+        EXPECT_EQ(JSONCodec::setAside(dir / "operations.json", now),
+                  dir / "operations.json.damaged-20250301-111500");
+    }
+    EXPECT_EQ(listing(dir.path()).size(), 4u);
+}
+
+// Every truncation of a valid file must be kept byte for byte, whatever the parser makes of it.
+template <class Records>
+void tortureWithPrefixes(const std::string& whole) {
+    TempDir dir;
+    for (std::size_t length = 0; length < whole.size(); ++length) {
+        std::string folder = dir / std::to_string(length);
+        std::string prefix = whole.substr(0, length);
+        writeFile(folder + "/records.json", prefix);
+        auto loaded = Records(folder + "/records.json").loadReportingDamage();
+        EXPECT_TRUE(loaded.damaged) << "prefix of " << length << " bytes";
+        std::string kept = onlySetAsideFile(folder, "records.json");
+        ASSERT_NE(kept, "") << "prefix of " << length << " bytes";
+        ASSERT_EQ(readFile(kept), prefix) << "prefix of " << length << " bytes";
+    }
+    writeFile(dir / "whole/records.json", whole);
+    EXPECT_FALSE(Records(dir / "whole/records.json").loadReportingDamage().damaged);
+}
+
+TEST(ItemIndex, EveryTruncatedFileIsSetAsideIntact) {
+    tortureWithPrefixes<ItemIndex>(readFile(kData + "/items.json"));
+}
+
+TEST(OperationJournal, EveryTruncatedFileIsSetAsideIntact) {
+    tortureWithPrefixes<OperationJournal>(readFile(kData + "/operations.json"));
+}
+
+TEST(ItemIndex, ReadFailuresThrowAndLeaveTheFileInPlace) {
+    TempDir dir;
+    // A folder the unprivileged user may write, so a wrongly taken "damage" path could rename.
+    std::string owned = dir / "owned";
+    writeFile(owned + "/items.json", readFile(kData + "/items.json"));
+    writeFile(owned + "/operations.json", readFile(kData + "/operations.json"));
+    ASSERT_EQ(chown(owned.c_str(), kNobody, kNobody), 0);
+    for (const char* name : {"items.json", "operations.json"}) {
+        ASSERT_EQ(chown((owned + "/" + name).c_str(), kNobody, kNobody), 0);
+        ASSERT_EQ(chmod((owned + "/" + name).c_str(), 0000), 0);
+    }
+    std::string closed = dir / "closed";
+    writeFile(closed + "/items.json", "[]");
+    ASSERT_EQ(chmod(closed.c_str(), 0000), 0);
+
+    auto throwsSystemError = [](const std::function<void()>& load) {
+        try {
+            load();
+        } catch (const std::system_error&) {
+            return true;
+        }
+        return false;
+    };
+    EXPECT_TRUE(passesAsUnprivilegedUser([&] {
+        return throwsSystemError([&] { ItemIndex(owned + "/items.json").load(); }) &&
+               throwsSystemError(
+                   [&] { OperationJournal(owned + "/operations.json").loadReportingDamage(); }) &&
+               throwsSystemError([&] { ItemIndex(closed + "/items.json").loadReportingDamage(); });
+    }));
+    EXPECT_EQ(listing(owned), (std::vector<std::string>{"items.json", "operations.json"}));
+    EXPECT_EQ(readFile(owned + "/items.json"), readFile(kData + "/items.json"));
+    ASSERT_EQ(chmod(closed.c_str(), 0755), 0);
+    EXPECT_EQ(listing(closed), std::vector<std::string>{"items.json"});
+}
+
+TEST(JSONCodec, WritePrivatelyMakesPrivateFileAndFolders) {
+    mode_t saved = umask(0);
+    for (mode_t mask : {mode_t(0), mode_t(022), mode_t(0277)}) {
+        umask(mask);
+        TempDir dir;
+        JSONCodec::writePrivately("[]", dir / "a/b/c/items.json");
+        for (const char* folder : {"a", "a/b", "a/b/c"})
+            EXPECT_EQ(permissions(dir / folder), 0700u)
+                << folder << " with umask " << std::oct << mask;
+        EXPECT_EQ(permissions(dir / "a/b/c/items.json"), 0600u) << "umask " << std::oct << mask;
+    }
+    umask(saved);
+
+    TempDir dir;
+    ASSERT_EQ(mkdir((dir / "shared").c_str(), 0751), 0);
+    ASSERT_EQ(chmod((dir / "shared").c_str(), 0751), 0);
+    writeFile(dir / "shared/items.json", "old");
+    ASSERT_EQ(chmod((dir / "shared/items.json").c_str(), 0644), 0);
+    JSONCodec::writePrivately("first", dir / "shared/items.json");
+    JSONCodec::writePrivately("second", dir / "shared/items.json");
+    EXPECT_EQ(permissions(dir / "shared"), 0751u);
+    EXPECT_EQ(permissions(dir / "shared/items.json"), 0600u);
+    EXPECT_EQ(readFile(dir / "shared/items.json"), "second");
+    EXPECT_EQ(listing(dir / "shared"), std::vector<std::string>{"items.json"});
+}
+
+TEST(ItemIndex, UpsertAppendsNewIdsAndReplacesKnownOnesInPlace) {
+    TempDir dir;
+    ItemIndex index(dir / "support/items.json");
+    auto a = itemNamed("a", "/a"), b = itemNamed("b", "/b"), c = itemNamed("c", "/c");
+    for (const auto& item : {a, b, c}) index.upsert(item);
+    EXPECT_EQ(index.load(), (std::vector<LockedItem>{a, b, c}));
+    b.displayName = "b renamed";
+    b.stage = LockedItem::Stage::originalPending;
+    index.upsert(b);
+    EXPECT_EQ(index.load(), (std::vector<LockedItem>{a, b, c}));
+    EXPECT_EQ(permissions(dir / "support/items.json"), 0600u);
+}
+
+TEST(ItemIndex, RemoveDropsEveryRecordWithTheId) {
+    TempDir dir;
+    ItemIndex index(dir / "items.json");
+    auto a = itemNamed("a", "/a"), b = itemNamed("b", "/b");
+    auto twin = a;
+    twin.displayName = "a again";
+    index.save({a, b, twin});
+    index.remove(a.id);
+    EXPECT_EQ(index.load(), std::vector<LockedItem>{b});
+
+    ItemIndex absent(dir / "absent/items.json");
+    absent.remove(b.id);
+    EXPECT_EQ(readFile(absent.fileURL()), "[]");
+}
+
+TEST(ItemIndex, ItemIsFoundThroughLinksAndDotDot) {
+    TempDir dir;
+    writeFile(dir / "docs/report.pdf", "secret");
+    ItemIndex index(dir / "items.json");
+    auto item = ItemIndex::refreshed(itemNamed("report.pdf", ""), dir / "docs/report.pdf");
+    index.upsert(itemNamed("other", dir / "docs"));
+    index.upsert(item);
+    ASSERT_EQ(symlink((dir / "docs/report.pdf").c_str(), (dir / "link.pdf").c_str()), 0);
+    ASSERT_EQ(symlink("docs", (dir / "alias").c_str()), 0);
+
+    for (const std::string& asked :
+         {dir / "docs/report.pdf", dir / "link.pdf", dir / "alias/report.pdf",
+          dir / "docs/../docs/./report.pdf", dir / "alias/../docs//report.pdf"}) {
+        auto found = index.item(asked);
+        ASSERT_TRUE(found.has_value()) << asked;
+        EXPECT_EQ(found->id, item.id) << asked;
+    }
+    EXPECT_FALSE(index.item(dir / "docs/missing.pdf"));
+    EXPECT_FALSE(index.item(dir.path()));
+}
+
+TEST(ItemIndex, LocateUsesTheLocatorThenTheLastKnownPath) {
+    TempDir dir;
+    writeFile(dir / "docs/report.pdf", "secret");
+    writeFile(dir / "docs/notes.txt", "notes");
+    auto item = ItemIndex::refreshed(itemNamed("report.pdf", "/nowhere"), dir / "docs/report.pdf");
+    EXPECT_EQ(item.lastKnownPath, dir / "docs/report.pdf");
+    ASSERT_TRUE(item.bookmark.has_value());
+    EXPECT_FALSE(item.bookmark->empty());
+    ItemIndex index(dir / "items.json");
+    index.upsert(item);
+
+    // Renamed in its folder, and another file took the old name: the locator still wins.
+    ASSERT_EQ(rename((dir / "docs/report.pdf").c_str(), (dir / "docs/report (1).pdf").c_str()), 0);
+    writeFile(dir / "docs/report.pdf", "impostor");
+    EXPECT_EQ(ItemIndex::locate(index.load().at(0)), dir / "docs/report (1).pdf");
+    EXPECT_EQ(index.item(dir / "docs/report (1).pdf").value().id, item.id);
+
+    // Moved to another folder, the locator finds nothing and the last known path is all there is.
+    auto pointingElsewhere = index.load().at(0);
+    pointingElsewhere.lastKnownPath = dir / "docs/notes.txt";
+    ASSERT_EQ(rename((dir / "docs/report (1).pdf").c_str(), (dir / "moved.pdf").c_str()), 0);
+    EXPECT_EQ(ItemIndex::locate(pointingElsewhere), dir / "docs/notes.txt");
+    ASSERT_EQ(unlink((dir / "docs/notes.txt").c_str()), 0);
+    EXPECT_EQ(ItemIndex::locate(pointingElsewhere), std::nullopt);
+}
+
+TEST(OperationJournal, AddKeepsOneEntryPerIdAndPutsItLast) {
+    TempDir dir;
+    OperationJournal journal(dir / "operations.json");
+    auto a = entryFor("/home/ana/a"), b = entryFor("/home/ana/b");
+    journal.add(a);
+    journal.add(b);
+    a.kind = JournalEntry::Kind::restore;
+    a.lockedIdentity = FileIdentity{42, 0, 0};
+    journal.add(a);
+    EXPECT_EQ(journal.load(), (std::vector<JournalEntry>{b, a}));
+    journal.remove(b.id);
+    EXPECT_EQ(journal.load(), std::vector<JournalEntry>{a});
+    journal.remove(b.id);
+    EXPECT_EQ(journal.load(), std::vector<JournalEntry>{a});
+    EXPECT_EQ(permissions(journal.fileURL()), 0600u);
+
+    auto bare = entryFor("/x");
+    journal.remove(a.id);
+    journal.add(bare);
+    auto written = nlohmann::json::parse(readFile(journal.fileURL()));
+    for (const char* key : {"lockedIdentity", "lockedAt", "deletingPath"})
+        EXPECT_FALSE(written[0].contains(key)) << key;
+    EXPECT_EQ(journal.load(), std::vector<JournalEntry>{bare});
+}
+
+}  // namespace
+}  // namespace corvane

@@ -1,0 +1,230 @@
+// The small records and primitives beside the engine's files: the volume marker, file identities,
+// the state shared with the file-manager integration, and the support directory's lock.
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <functional>
+
+#include "Records/FileIdentity.h"
+#include "Records/ItemMarker.h"
+#include "Records/SharedState.h"
+#include "Records/SupportLock.h"
+#include "TestSupport.h"
+
+namespace corvane {
+namespace {
+
+using namespace corvane::testing;
+
+// Runs `body` in a forked child and returns its exit code (-1 when it did not exit normally).
+// Children report through the code only; gtest assertions there would go unseen.
+int exitCodeOfChild(const std::function<int()>& body) {
+    pid_t child = fork();
+    if (child == 0) _exit(body());
+    int status = 0;
+    if (child < 0 || waitpid(child, &status, 0) != child || !WIFEXITED(status)) return -1;
+    return WEXITSTATUS(status);
+}
+
+int childAcquireResult(const std::string& directory) {
+    return exitCodeOfChild([&] { return SupportLock::acquire(directory) ? 0 : 1; });
+}
+
+TEST(ItemMarker, WriteThenReadGivesTheSameMarkerFromCompactText) {
+    TempDir dir;
+    ItemMarker marker(LockedItem::Kind::folder, "Taxes / 2024");
+    marker.write(dir.path());
+    EXPECT_EQ(readFile(dir / ".corvane-item.json"),
+              R"({"formatVersion":1,"kind":"folder","name":"Taxes \/ 2024"})");
+    EXPECT_EQ(ItemMarker::read(dir.path()), marker);
+
+    ItemMarker replacement(LockedItem::Kind::file, "日本語.txt");
+    replacement.write(dir.path());
+    EXPECT_EQ(ItemMarker::read(dir.path()), replacement);
+}
+
+TEST(ItemMarker, MissingOrMalformedMarkersReadAsNothing) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"empty file", ""},
+        {"empty object", "{}"},
+        {"array", R"([{"formatVersion":1,"kind":"file","name":"a"}])"},
+        {"unknown kind", R"({"formatVersion":1,"kind":"symlink","name":"a"})"},
+        {"name as number", R"({"formatVersion":1,"kind":"file","name":1})"},
+        {"version as text", R"({"formatVersion":"1","kind":"file","name":"a"})"},
+        {"version overflowing int", R"({"formatVersion":4294967297,"kind":"file","name":"a"})"},
+        {"truncated", R"({"formatVersion":1,"kind":"file","na)"},
+    };
+    for (const auto& [why, contents] : cases) {
+        TempDir dir;
+        writeFile(dir / ".corvane-item.json", contents);
+        EXPECT_EQ(ItemMarker::read(dir.path()), std::nullopt) << why;
+    }
+    TempDir empty;
+    EXPECT_EQ(ItemMarker::read(empty.path()), std::nullopt) << "missing file";
+    EXPECT_EQ(ItemMarker::read(empty / "no such volume"), std::nullopt) << "missing volume";
+}
+
+TEST(ItemMarker, SafeNamesAreSingleComponents) {
+    for (std::string name :
+         {std::string(""), std::string("."), std::string(".."), std::string("a/b"),
+          std::string("/"), std::string("a\0b", 3), std::string("\0", 1)})
+        EXPECT_FALSE(ItemMarker::isSafeName(name))
+            << "rejects \"" << name << "\" (" << name.size() << " bytes)";
+    for (const char* name : {"...", ".hidden", "with space", "Grüße", "日本語", "a\\b", "..x"})
+        EXPECT_TRUE(ItemMarker::isSafeName(name)) << "accepts \"" << name << "\"";
+}
+
+TEST(FileIdentity, TellsFilesApartByInodeAndBirth) {
+    TempDir dir;
+    EXPECT_EQ(FileIdentity::of(dir / "missing"), std::nullopt);
+
+    writeFile(dir / "target", "contents");
+    ASSERT_EQ(symlink("target", (dir / "link").c_str()), 0);
+    auto target = FileIdentity::of(dir / "target");
+    auto link = FileIdentity::of(dir / "link");
+    ASSERT_TRUE(target && link);
+    EXPECT_NE(link->inode, target->inode) << "a link is identified itself, not followed";
+    EXPECT_EQ(FileIdentity::of(dir / "target"), target) << "stable for an untouched file";
+    ASSERT_EQ(symlink("missing", (dir / "dangling").c_str()), 0);
+    EXPECT_TRUE(FileIdentity::of(dir / "dangling").has_value())
+        << "a dangling link is still a file";
+
+    // Replaced by a copy under the same name, as an editor's safe save does.
+    writeFile(dir / "copy", readFile(dir / "target"));
+    ASSERT_EQ(rename((dir / "copy").c_str(), (dir / "target").c_str()), 0);
+    EXPECT_NE(FileIdentity::of(dir / "target"), target);
+
+    const FileIdentity base{7, 1740820500, 250000000};
+    const std::pair<const char*, FileIdentity> differing[] = {
+        {"inode", {8, 1740820500, 250000000}},
+        {"birthSeconds", {7, 1740820501, 250000000}},
+        {"birthNanoseconds", {7, 1740820500, 250000001}},
+    };
+    for (const auto& [field, other] : differing) EXPECT_NE(base, other) << field;
+    EXPECT_EQ(base, (FileIdentity{7, 1740820500, 250000000}));
+    EXPECT_EQ(FileIdentity::fromJSON(base.toJSON()), base);
+}
+
+TEST(SharedState, WriteThenReadRoundTripsInCompactText) {
+    TempDir dir;
+    std::string path = dir / "corvane/state.json";
+    SharedState state{{"/home/a"}, 12};
+    state.write(path);
+    EXPECT_EQ(readFile(path), R"({"unlockedPaths":["\/home\/a"],"bootTime":12})");
+    EXPECT_EQ(SharedState::read(path), state);
+
+    SharedState several{{"/home/ana/Grüße", "/media/usb/日本語"}, 1740820500};
+    several.write(path);
+    EXPECT_EQ(SharedState::read(path), several);
+    EXPECT_EQ(listing(dir / "corvane"), std::vector<std::string>{"state.json"});
+}
+
+TEST(SharedState, AbsentOrDamagedRecordsReadAsNothing) {
+    TempDir dir;
+    EXPECT_EQ(SharedState::read(std::nullopt), std::nullopt) << "no path";
+    EXPECT_EQ(SharedState::read(dir / "state.json"), std::nullopt) << "no file";
+    const std::pair<const char*, const char*> cases[] = {
+        {"empty file", ""},
+        {"truncated", R"({"unlockedPaths":["\/home\/a"],"bootT)"},
+        {"paths not array", R"({"unlockedPaths":"\/home\/a","bootTime":12})"},
+        {"path not string", R"({"unlockedPaths":[1],"bootTime":12})"},
+        {"missing boot time", R"({"unlockedPaths":[]})"},
+        {"boot time as text", R"({"unlockedPaths":[],"bootTime":"12"})"},
+    };
+    for (const auto& [why, contents] : cases) {
+        writeFile(dir / "state.json", contents);
+        EXPECT_EQ(SharedState::read(dir / "state.json"), std::nullopt) << why;
+    }
+}
+
+TEST(SharedState, UnlockedSetOnlyForTheCurrentBoot) {
+    SharedState state{{"/b", "/a", "/b"}, 100};
+    EXPECT_EQ(state.unlockedSet(99), std::nullopt);
+    EXPECT_EQ(state.unlockedSet(100), (std::set<std::string>{"/a", "/b"}));
+    auto none = SharedState{{}, 100}.unlockedSet(100);
+    ASSERT_TRUE(none.has_value()) << "nothing unlocked is an answer, not an unknown";
+    EXPECT_TRUE(none->empty());
+
+    auto boot = SharedState::currentBootTime();
+    EXPECT_GT(boot, 0);
+    EXPECT_EQ(SharedState::currentBootTime(), boot);
+}
+
+TEST(SharedState, DefaultURLFollowsTheRuntimeDirectory) {
+    std::optional<std::string> saved;
+    if (const char* value = std::getenv("XDG_RUNTIME_DIR")) saved = value;
+
+    setenv("XDG_RUNTIME_DIR", "/run/user/1000", 1);
+    EXPECT_EQ(SharedState::defaultURL(), "/run/user/1000/corvane/state.json");
+    setenv("XDG_RUNTIME_DIR", "", 1);
+    EXPECT_EQ(SharedState::defaultURL(), std::nullopt) << "empty";
+    unsetenv("XDG_RUNTIME_DIR");
+    EXPECT_EQ(SharedState::defaultURL(), std::nullopt) << "unset";
+
+    if (saved) setenv("XDG_RUNTIME_DIR", saved->c_str(), 1);
+}
+
+TEST(SupportLock, AnotherProcessCannotTakeItWhileHeld) {
+    TempDir dir;
+    auto held = SupportLock::acquire(dir.path());
+    ASSERT_NE(held, nullptr);
+    EXPECT_EQ(childAcquireResult(dir.path()), 1)
+        << "a child must not get the lock its parent holds";
+    held.reset();
+    EXPECT_EQ(childAcquireResult(dir.path()), 0) << "released, a child gets it";
+    EXPECT_EQ(listing(dir.path()), std::vector<std::string>{".corvane.lock"})
+        << "release keeps the lock file";
+}
+
+TEST(SupportLock, ProcessEndReleasesIt) {
+    TempDir dir;
+    int locked[2], finish[2];
+    ASSERT_EQ(pipe(locked), 0);
+    ASSERT_EQ(pipe(finish), 0);
+    pid_t child = fork();
+    if (child == 0) {
+        close(locked[0]);
+        close(finish[1]);
+        auto lock = SupportLock::acquire(dir.path());
+        char state = lock ? 'y' : 'n';
+        if (write(locked[1], &state, 1) != 1) _exit(2);
+        char ignored;
+        while (read(finish[0], &ignored, 1) > 0) {
+        }
+        _exit(lock ? 0 : 1);  // no destructor runs: only the system can drop the lock
+    }
+    ASSERT_GT(child, 0);
+    close(locked[1]);
+    close(finish[0]);
+    char state = 0;
+    EXPECT_EQ(read(locked[0], &state, 1), 1);
+    EXPECT_EQ(state, 'y') << "the child takes the lock";
+    EXPECT_EQ(SupportLock::acquire(dir.path()), nullptr) << "held by the child";
+    close(finish[1]);
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    close(locked[0]);
+    EXPECT_NE(SupportLock::acquire(dir.path()), nullptr) << "free once the child is gone";
+}
+
+TEST(SupportLock, CreatesAPrivateDirectoryAndLockFile) {
+    TempDir dir;
+    std::string support = dir / "config/corvane";
+    {
+        auto lock = SupportLock::acquire(support);
+        ASSERT_NE(lock, nullptr);
+        EXPECT_EQ(permissions(dir / "config"), 0700u);
+        EXPECT_EQ(permissions(support), 0700u);
+        EXPECT_EQ(permissions(support + "/.corvane.lock"), 0600u);
+    }
+    EXPECT_EQ(listing(support), std::vector<std::string>{".corvane.lock"});
+    EXPECT_NE(SupportLock::acquire(support), nullptr) << "an existing lock file is reused";
+}
+
+}  // namespace
+}  // namespace corvane
