@@ -1,10 +1,10 @@
 #include "FileSystem/ItemFacts.h"
 
-#include <fts.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 
+#include "FileSystem/FileWalk.h"
 #include "FileSystem/LinuxDesktop.h"
 #include "FileSystem/MountTable.h"
 #include "FileSystem/Paths.h"
@@ -20,17 +20,18 @@ std::int64_t sumRegularFiles(const std::string& path, SizeOf sizeOf) {
     if (lstat(path.c_str(), &status) != 0) return 0;
     if (S_ISREG(status.st_mode)) return sizeOf(status);
 
-    char* roots[] = {const_cast<char*>(path.c_str()), nullptr};
-    FTS* walk = fts_open(roots, FTS_PHYSICAL | FTS_NOCHDIR, nullptr);
-    if (walk == nullptr) return 0;
     std::int64_t total = 0;
-    while (FTSENT* entry = fts_read(walk)) {
-        // Unreadable folders (FTS_DNR) and entries (FTS_NS, FTS_ERR) are passed over.
-        if (entry->fts_info != FTS_F) continue;
-        if (__builtin_add_overflow(total, sizeOf(*entry->fts_statp), &total))
-            fatalError("size overflow");
+    try {
+        // Entries that cannot be read carry no status and are passed over.
+        FileWalk::walk(path, [&](const FileWalk::Entry& entry) {
+            if (!entry.problem && S_ISREG(entry.info.st_mode) &&
+                __builtin_add_overflow(total, sizeOf(entry.info), &total))
+                fatalError("size overflow");
+            return FileWalk::Next::descend;
+        });
+    } catch (const FileWalk::WalkError&) {
+        // An unreadable folder has no size we can know.
     }
-    fts_close(walk);
     return total;
 }
 

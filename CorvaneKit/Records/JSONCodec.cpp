@@ -10,6 +10,7 @@
 #include <system_error>
 
 #include "Records/DateFormat.h"
+#include "Records/UTF8.h"
 
 namespace corvane {
 
@@ -19,33 +20,8 @@ namespace {
     throw std::system_error(errno, std::generic_category(), path);
 }
 
-bool isValidUTF8(std::string_view text) {
-    std::size_t i = 0;
-    while (i < text.size()) {
-        auto byte = static_cast<unsigned char>(text[i]);
-        std::size_t length = byte < 0x80           ? 1
-                             : (byte >> 5) == 0x6  ? 2
-                             : (byte >> 4) == 0xE  ? 3
-                             : (byte >> 3) == 0x1E ? 4
-                                                   : 0;
-        if (length == 0 || i + length > text.size()) return false;
-        std::uint32_t scalar = length == 1 ? byte : byte & (0xFF >> (length + 1));
-        for (std::size_t k = 1; k < length; ++k) {
-            auto next = static_cast<unsigned char>(text[i + k]);
-            if ((next >> 6) != 0x2) return false;
-            scalar = (scalar << 6) | (next & 0x3F);
-        }
-        static constexpr std::uint32_t kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};
-        if (scalar < kSmallest[length] || scalar > 0x10FFFF ||
-            (scalar >= 0xD800 && scalar <= 0xDFFF))
-            return false;
-        i += length;
-    }
-    return true;
-}
-
 void appendString(std::string& out, std::string_view text) {
-    if (!isValidUTF8(text)) throw std::invalid_argument("text is not valid UTF-8");
+    if (!UTF8::isValid(text)) throw std::invalid_argument("text is not valid UTF-8");
     out += '"';
     for (char c : text) {
         switch (c) {

@@ -1,0 +1,72 @@
+#include "FileSystem/FileWalk.h"
+
+#include <fts.h>
+
+#include <cerrno>
+#include <memory>
+
+#include "FileSystem/Paths.h"
+#include "Records/UTF8.h"
+
+namespace corvane {
+
+std::string FileWalk::Entry::name() const {
+    std::string_view path = relativePath;
+    while (!path.empty() && path.back() == '/') path.remove_suffix(1);
+    auto slash = path.rfind('/');
+    return std::string(slash == std::string_view::npos ? path : path.substr(slash + 1));
+}
+
+FileWalk::WalkError::WalkError(std::string path, int code)
+    : path_(std::move(path)),
+      code_(code),
+      description_("Could not read " + lastPathComponent(path_) + ".") {}
+
+void FileWalk::walk(const std::string& root, const std::function<Next(const Entry&)>& visit) {
+    std::size_t prefix = root == "/" ? 1 : root.size() + 1;
+    char* roots[] = {const_cast<char*>(root.c_str()), nullptr};
+    std::unique_ptr<FTS, int (*)(FTS*)> walk(fts_open(roots, FTS_PHYSICAL | FTS_NOCHDIR, nullptr),
+                                             fts_close);
+    if (!walk) throw WalkError(root, errno);
+
+    errno = 0;
+    while (FTSENT* node = fts_read(walk.get())) {
+        bool atRoot = node->fts_level == FTS_ROOTLEVEL;
+        Entry entry;
+        switch (node->fts_info) {
+            case FTS_DP: errno = 0; continue;  // each directory is reported once, on the way down
+            case FTS_DNR:
+            case FTS_ERR:
+            case FTS_NS:
+                if (atRoot) throw WalkError(root, node->fts_errno);
+                entry.problem = node->fts_errno;
+                break;
+            default:
+                if (atRoot) {
+                    errno = 0;
+                    continue;
+                }
+        }
+        std::string_view path(node->fts_path, node->fts_pathlen);
+        entry.relativePath =
+            UTF8::lenient(path.size() > prefix ? path.substr(prefix) : std::string_view());
+        bool hasStatus = node->fts_info != FTS_NS && node->fts_info != FTS_ERR;
+        if (hasStatus) entry.info = *node->fts_statp;
+        entry.isDirectory = node->fts_info == FTS_D || node->fts_info == FTS_DNR;
+        if (visit(entry) == Next::skipDescendants && node->fts_info == FTS_D)
+            fts_set(walk.get(), node, FTS_SKIP);
+        errno = 0;
+    }
+    if (errno != 0) throw WalkError(root, errno);
+}
+
+std::vector<std::string> FileWalk::relativePaths(const std::string& root) {
+    std::vector<std::string> paths;
+    walk(root, [&](const Entry& entry) {
+        paths.push_back(entry.relativePath);
+        return Next::descend;
+    });
+    return paths;
+}
+
+}  // namespace corvane
