@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <grp.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -100,5 +101,43 @@ inline bool passesAsUnprivilegedUser(const std::function<bool()>& check) {
     waitpid(child, &status, 0);
     return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
+
+// A program left running in the background for the length of a test; ended and reaped at the end.
+class BackgroundProcess {
+public:
+    explicit BackgroundProcess(std::vector<std::string> argv) {
+        pid_ = fork();
+        if (pid_ == 0) {
+            std::vector<char*> args;
+            for (auto& arg : argv) args.push_back(arg.data());
+            args.push_back(nullptr);
+            execv(args[0], args.data());
+            _exit(127);
+        }
+    }
+    ~BackgroundProcess() {
+        kill(pid_, SIGKILL);
+        waitpid(pid_, nullptr, 0);
+    }
+    BackgroundProcess(const BackgroundProcess&) = delete;
+    BackgroundProcess& operator=(const BackgroundProcess&) = delete;
+
+    pid_t pid() const { return pid_; }
+
+    // Waits (up to five seconds) until the process has `path` open.
+    bool waitUntilHolding(const std::string& path) const {
+        for (int attempt = 0; attempt < 500; ++attempt) {
+            std::error_code ignored;
+            for (const auto& fd : std::filesystem::directory_iterator(
+                     "/proc/" + std::to_string(pid_) + "/fd", ignored))
+                if (std::filesystem::read_symlink(fd.path(), ignored) == path) return true;
+            usleep(10000);
+        }
+        return false;
+    }
+
+private:
+    pid_t pid_;
+};
 
 }  // namespace corvane::testing

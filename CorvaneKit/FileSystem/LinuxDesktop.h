@@ -46,6 +46,21 @@ struct LinuxDesktop {
         "nfs",  "nfs4", "cifs",       "smb3",        "smbfs",          "afs",
         "ceph", "9p",   "fuse.sshfs", "fuse.rclone", "fuse.ceph-fuse", "fuse.s3fs",
     };
+
+    // Indexers and thumbnailers that may keep a volume busy only by reading it, by the command
+    // name lsof gives (the kernel keeps 15 characters: tracker-miner-fs-3 reads tracker-miner-f).
+    // A volume held only by them may be ejected by force.
+    static constexpr std::array<std::string_view, 5> autoEjectAllowlist = {
+        "tracker-miner-f", "tracker-extract", "baloo_file", "baloo_file_extr", "tumblerd",
+    };
+
+    // ...and only when their program is installed by the system, not a user's program borrowing
+    // the name.
+    static constexpr std::array<std::string_view, 3> systemExecutablePrefixes = {
+        "/usr/libexec/",
+        "/usr/lib/",
+        "/usr/bin/",
+    };
 };
 
 }  // namespace corvane

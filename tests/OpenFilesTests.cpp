@@ -1,0 +1,186 @@
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+#include "FileSystem/CloudFiles.h"
+#include "FileSystem/OpenFiles.h"
+#include "FileSystem/ProcessRunner.h"
+#include "FileSystem/ThumbnailScrubber.h"
+#include "FileSystem/VolumeLayout.h"
+#include "TestSupport.h"
+
+namespace corvane {
+namespace {
+
+using testing::BackgroundProcess;
+using testing::TempDir;
+using testing::writeFile;
+
+using Names = std::vector<std::string>;
+
+TEST(OpenFiles, ParsesFieldOutput) {
+    auto holders = OpenFiles::parse("p123\ncViewer\nf4\nar\np456\ncEditor\nf7\naw\n");
+    EXPECT_EQ(holders, (std::vector<Holder>{{"Viewer", false, 123}, {"Editor", true, 456}}));
+    EXPECT_EQ(OpenFiles::writerNames(Holders::known(holders)), Names{"Editor"});
+    EXPECT_EQ(OpenFiles::blockingNames(Holders::known(holders)), Names{"Editor"});
+
+    const std::pair<const char*, std::vector<Holder>> rows[] = {
+        {"p1\ncvim\naw\np2\ncvim\nau\n", {{"vim", true, 1}, {"vim", true, 2}}},
+        {"pabc\ncOdd\naw\n", {{"Odd", true, 0}}},  // not a number: filed under 0
+        {"p7\ncfirst\ncsecond\na \na-\np7\naw\n",
+         {{"first", true, 7}}},              // first name wins; p7 again
+        {"p9\nf3\nar\n", {{"", false, 9}}},  // no command
+        {"lsof: WARNING: can't stat() fuse file system\np5\ncx\n", {{"x", false, 5}}},
+        {"", {}},
+    };
+    for (const auto& [output, expected] : rows)
+        EXPECT_EQ(OpenFiles::parse(output), expected) << output;
+
+    auto twoWriters =
+        Holders::known(OpenFiles::parse("p1\ncvim\naw\np2\ncvim\naw\np3\nccat\nar\n"));
+    EXPECT_EQ(OpenFiles::writerNames(twoWriters), Names{"vim"}) << "one name per program";
+}
+
+TEST(OpenFiles, ClassifiesTheListersAnswer) {
+    EXPECT_EQ(OpenFiles::classify(0, true, "p1\ncx\n"), Holders::unknown());
+    EXPECT_EQ(OpenFiles::classify(1, false, " \n\t"), Holders::unknown());
+    EXPECT_EQ(OpenFiles::classify(1, false, "p1\ncx\n"), Holders::known({{"x", false, 1}}));
+    EXPECT_EQ(OpenFiles::classify(0, false, ""), Holders::known({}));
+    EXPECT_EQ(OpenFiles::writerNames(Holders::unknown()), Names{});
+    EXPECT_EQ(OpenFiles::blockingNames(Holders::unknown()), Names{});
+}
+
+TEST(OpenFiles, AutoEjectOnlyForSystemReadersOnTheAllowList) {
+    auto systemPath = [](pid_t) -> std::optional<std::string> {
+        return "/usr/libexec/tracker-miner-fs-3";
+    };
+    auto userPath = [](pid_t) -> std::optional<std::string> {
+        return "/home/a/bin/tracker-miner-fs-3";
+    };
+    auto vanished = [](pid_t) -> std::optional<std::string> { return std::nullopt; };
+    auto reader = Holders::known({{"tracker-miner-f", false, 10}});
+    auto writer = Holders::known({{"tracker-miner-f", true, 10}});
+    auto mixed = Holders::known({{"tumblerd", false, 10}, {"gedit", false, 11}});
+
+    EXPECT_TRUE(OpenFiles::safeToAutoEject(reader, systemPath));
+    EXPECT_FALSE(OpenFiles::safeToAutoEject(reader, userPath)) << "a borrowed name";
+    EXPECT_FALSE(OpenFiles::safeToAutoEject(reader, vanished));
+    EXPECT_FALSE(OpenFiles::safeToAutoEject(writer, systemPath));
+    EXPECT_FALSE(OpenFiles::safeToAutoEject(mixed, systemPath));
+    EXPECT_FALSE(OpenFiles::safeToAutoEject(Holders::known({}), systemPath));
+    EXPECT_FALSE(OpenFiles::safeToAutoEject(Holders::unknown(), systemPath));
+    EXPECT_EQ(OpenFiles::blockingNames(reader), Names{}) << "only allow-listed readers";
+    EXPECT_EQ(OpenFiles::blockingNames(mixed), Names{"gedit"});
+}
+
+TEST(OpenFiles, RealHoldersSeenByLsof) {
+    TempDir root;
+    writeFile(root / "Work/sub/notes.txt", "draft");
+    writeFile(root / "Work/photo.jpg", "jpeg");
+    // A program borrowing an indexer's name, started from a temporary folder.
+    std::filesystem::copy_file("/bin/sleep", root / "tracker-miner-fs-3");
+
+    BackgroundProcess writer(
+        {"/bin/sh", "-c", "exec 3>>\"$1\"; exec /bin/sleep 60", "sh", root / "Work/sub/notes.txt"});
+    BackgroundProcess reader({"/bin/sh", "-c", "exec 3<\"$1\"; exec \"$2\" 60", "sh",
+                              root / "Work/photo.jpg", root / "tracker-miner-fs-3"});
+    ASSERT_TRUE(writer.waitUntilHolding(root / "Work/sub/notes.txt"));
+    ASSERT_TRUE(reader.waitUntilHolding(root / "Work/photo.jpg"));
+
+    Holders folder = OpenFiles::holders(root / "Work", 10);
+    ASSERT_TRUE(folder.isKnown);
+    EXPECT_EQ(OpenFiles::writerNames(folder), Names{"sleep"}) << "+D sees files deep in the folder";
+    EXPECT_EQ(OpenFiles::appNames(root / "Work", 10), Names{"sleep"});
+
+    Holders photo = OpenFiles::holders(root / "Work/photo.jpg", 10);
+    EXPECT_EQ(photo, Holders::known({{"tracker-miner-f", false, reader.pid()}}));
+    EXPECT_EQ(OpenFiles::blockingNames(photo), Names{});
+    EXPECT_EQ(OpenFiles::executablePath(reader.pid()), root / "tracker-miner-fs-3");
+    EXPECT_FALSE(OpenFiles::safeToAutoEject(photo)) << "its program lies in a temporary folder";
+
+    EXPECT_EQ(OpenFiles::holders(root / "missing", 10), Holders::known({}));
+    EXPECT_EQ(OpenFiles::holders(root / "Work", 10, root / "no-lsof"), Holders::unknown());
+    EXPECT_FALSE(OpenFiles::executablePath(999999999));
+}
+
+TEST(CloudFiles, PlaceholdersAreTheOnlyFilesToDownload) {
+    using Status = CloudFiles::DownloadStatus;
+    EXPECT_TRUE(CloudFiles::needsDownload(".Report.pdf.icloud", false, std::nullopt));
+    EXPECT_FALSE(CloudFiles::needsDownload(".icloud", true, Status::current));
+    EXPECT_FALSE(CloudFiles::needsDownload("..icloud", false, std::nullopt)) << "eight characters";
+    EXPECT_TRUE(CloudFiles::needsDownload(".a.icloud", false, std::nullopt));
+    EXPECT_FALSE(CloudFiles::needsDownload("a.txt", true, Status::current));
+    EXPECT_TRUE(CloudFiles::needsDownload("a.txt", true, Status::downloaded));
+    EXPECT_FALSE(CloudFiles::needsDownload("a.txt", false, Status::notDownloaded));
+    EXPECT_FALSE(CloudFiles::needsDownload("a.txt", true, std::nullopt));
+
+    TempDir root;
+    writeFile(root / "Synced/.Report.pdf.icloud", "");
+    writeFile(root / "Synced/deep/.b.icloud", "");
+    writeFile(root / "Synced/local.txt", "x");
+    auto found = CloudFiles::notDownloaded(root / "Synced");
+    std::sort(found.begin(), found.end());
+    EXPECT_EQ(found, (Names{root / "Synced/.Report.pdf.icloud", root / "Synced/deep/.b.icloud"}));
+    EXPECT_EQ(CloudFiles::notDownloaded(root / "missing"), Names{});
+    EXPECT_EQ(CloudFiles::downloadTarget(root / "Synced/.Report.pdf.icloud"),
+              root / "Synced/Report.pdf");
+    EXPECT_EQ(CloudFiles::downloadTarget(root / "Synced/local.txt"), root / "Synced/local.txt");
+    EXPECT_TRUE(VolumeLayout::housekeeping().count(".corvane-item.json"));
+}
+
+TEST(ThumbnailScrubber, URIsAndNamesMatchTheThumbnailers) {
+    EXPECT_EQ(ThumbnailScrubber::fileURI("/home/a/My Files/#1;x?.txt"),
+              "file:///home/a/My%20Files/%231%3Bx%3F.txt");
+    EXPECT_EQ(ThumbnailScrubber::fileURI("/a/é(1)+@~"), "file:///a/%C3%A9(1)+@~");
+    auto md5 = ProcessRunner::run(
+        "/bin/sh", {"-c", "printf %s \"$1\" | md5sum", "sh", "file:///a/%C3%A9(1)+@~"});
+    EXPECT_EQ(ThumbnailScrubber::thumbnailName("file:///a/%C3%A9(1)+@~"),
+              md5.output.substr(0, 32) + ".png");
+}
+
+TEST(ThumbnailScrubber, ForgetsTheLockedItemOnly) {
+    TempDir root;
+    std::string thumbnails = root / "cache/thumbnails", recents = root / "recently-used.xbel";
+    std::string item = root / "Home/Tax Papers";
+    auto thumbnailOf = [&](const std::string& folder, const std::string& path) {
+        return thumbnails + "/" + folder + "/" +
+               ThumbnailScrubber::thumbnailName(ThumbnailScrubber::fileURI(path));
+    };
+    for (const char* folder : {"normal", "large", "x-large", "fail/gnome-thumbnail-factory"}) {
+        writeFile(thumbnailOf(folder, item + "/2024/scan é.pdf"), "png");
+        writeFile(thumbnailOf(folder, root / "Home/Tax Papers 2/other.pdf"), "png");
+    }
+    writeFile(thumbnailOf("normal", item), "png");
+    auto bookmark = [](const std::string& path) {
+        return "  <bookmark href=\"" + ThumbnailScrubber::fileURI(path) +
+               "\" added=\"2025-01-01T00:00:00Z\">\n"
+               "    <info><metadata owner=\"http://freedesktop.org\"/></info>\n  </bookmark>\n";
+    };
+    std::string head = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<xbel version=\"1.0\">\n";
+    writeFile(recents, head + bookmark(item + "/2024/scan é.pdf") +
+                           bookmark(root / "Home/Tax Papers 2/other.pdf") + bookmark(item) +
+                           "</xbel>\n");
+
+    EXPECT_TRUE(ThumbnailScrubber::reset(item, {"2024", "2024/scan é.pdf"}, thumbnails, recents));
+    for (const char* folder : {"normal", "large", "x-large", "fail/gnome-thumbnail-factory"}) {
+        EXPECT_FALSE(std::filesystem::exists(thumbnailOf(folder, item + "/2024/scan é.pdf")))
+            << folder;
+        EXPECT_TRUE(
+            std::filesystem::exists(thumbnailOf(folder, root / "Home/Tax Papers 2/other.pdf")))
+            << folder;
+    }
+    EXPECT_FALSE(std::filesystem::exists(thumbnailOf("normal", item)));
+    EXPECT_EQ(testing::readFile(recents),
+              head + bookmark(root / "Home/Tax Papers 2/other.pdf") + "</xbel>\n");
+
+    std::string damaged = head + "  <bookmark href=\"" + ThumbnailScrubber::fileURI(item) + "\">\n";
+    writeFile(recents, damaged);
+    EXPECT_FALSE(ThumbnailScrubber::reset(item, {}, thumbnails, recents));
+    EXPECT_EQ(testing::readFile(recents), damaged) << "a damaged list is left alone";
+    std::filesystem::remove(recents);
+    EXPECT_TRUE(ThumbnailScrubber::reset(item, {}, thumbnails, recents))
+        << "no list, nothing to forget";
+}
+
+}  // namespace
+}  // namespace corvane
