@@ -2,11 +2,12 @@
 #   make test   installs what is missing, builds with AddressSanitizer and UndefinedBehaviorSanitizer,
 #               and runs every test (this is what CI runs)
 #   make build  an optimised build without sanitizers
+#   make bench  the benchmarks, on an optimised build
 
 BUILD_DIR ?= build
 JOBS ?= $(shell nproc)
 
-.PHONY: deps test build clean
+.PHONY: deps test build bench clean
 
 deps:
 	scripts/install-deps
@@ -21,6 +22,9 @@ test: deps
 build: deps
 	cmake -S . -B $(BUILD_DIR)/release -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo
 	cmake --build $(BUILD_DIR)/release -j $(JOBS)
+
+bench: build
+	bench/verifier.sh $(BUILD_DIR)/release/bench/corvane-verifier-bench
 
 clean:
 	rm -rf $(BUILD_DIR)

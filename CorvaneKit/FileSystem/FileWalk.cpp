@@ -23,7 +23,8 @@ FileWalk::WalkError::WalkError(std::string path, int code)
       description_("Could not read " + lastPathComponent(path_) + ".") {}
 
 void FileWalk::walk(const std::string& root, const std::function<Next(const Entry&)>& visit) {
-    std::size_t prefix = root == "/" ? 1 : root.size() + 1;
+    // fts joins names to the root with one slash, reusing a slash the root already ends with.
+    std::size_t prefix = root.size() + (root.ends_with('/') ? 0 : 1);
     char* roots[] = {const_cast<char*>(root.c_str()), nullptr};
     std::unique_ptr<FTS, int (*)(FTS*)> walk(fts_open(roots, FTS_PHYSICAL | FTS_NOCHDIR, nullptr),
                                              fts_close);
@@ -53,7 +54,17 @@ void FileWalk::walk(const std::string& root, const std::function<Next(const Entr
         bool hasStatus = node->fts_info != FTS_NS && node->fts_info != FTS_ERR;
         if (hasStatus) entry.info = *node->fts_statp;
         entry.isDirectory = node->fts_info == FTS_D || node->fts_info == FTS_DNR;
-        if (visit(entry) == Next::skipDescendants && node->fts_info == FTS_D)
+        // fts finds out that a folder cannot be read only after returning it, and then returns it
+        // again; reading its contents now reports it once, with its problem. fts_read reuses them.
+        bool unreadable = false;
+        if (node->fts_info == FTS_D) {
+            errno = 0;
+            if (!fts_children(walk.get(), 0) && errno != 0) {
+                entry.problem = errno;
+                unreadable = true;
+            }
+        }
+        if ((visit(entry) == Next::skipDescendants || unreadable) && node->fts_info == FTS_D)
             fts_set(walk.get(), node, FTS_SKIP);
         errno = 0;
     }

@@ -53,7 +53,7 @@ struct TreeVerifier {
 
     static Entry entry(const std::string& path);
 
-    // 64 lower-case hexadecimal digits; read in 1 MiB pieces.
+    // 64 lower-case hexadecimal digits; read in pieces of at most 1 MiB.
     static std::string digest(const std::string& path);
 
     // How many files are hashed at once; all cores unless set (benchmarks compare).
