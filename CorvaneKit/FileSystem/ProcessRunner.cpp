@@ -150,7 +150,7 @@ ProcessResult ProcessRunner::run(const std::string& executablePath,
     outputPipe.closeWrite();
 
     if (input) writeAll(inputPipe.writeEnd(), *input);
-    //MUT
+    inputPipe.closeWrite();
 
     using Clock = std::chrono::steady_clock;
     std::optional<Clock::time_point> deadline;

@@ -1,0 +1,137 @@
+// The process runner: no shell or search path, one merged output that never blocks the child,
+// input followed by its end, exit codes and signals, time limits and Cancel; and the lenient UTF-8
+// that its output goes through.
+#include <gtest/gtest.h>
+
+#include <signal.h>
+#include <sys/wait.h>
+
+#include <cerrno>
+#include <chrono>
+#include <system_error>
+#include <thread>
+
+#include "FileSystem/ProcessRunner.h"
+#include "Records/CorvaneError.h"
+#include "Records/UTF8.h"
+
+namespace corvane {
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+double secondsSince(Clock::time_point start) {
+    return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+// Whether a five-second sleep run with `cancel` ends in the cancelled error.
+bool sleepIsCancelled(const CancelToken& cancel) {
+    try {
+        ProcessRunner::run("/bin/sleep", {"5"}, std::nullopt, std::nullopt, &cancel);
+    } catch (const CorvaneError& error) {
+        return error.errorCase() == CorvaneError::Case::cancelled;
+    }
+    return false;
+}
+
+TEST(ProcessRunner, StartsOnlyTheExactPathWithoutAShell) {
+    // A bare name is not looked up on PATH, and a launch failure is the system's error.
+    EXPECT_THROW(ProcessRunner::run("sleep", {"0"}), std::system_error);
+    EXPECT_THROW(ProcessRunner::run("/nonexistent/sleep", {"0"}), std::system_error);
+    EXPECT_EQ(ProcessRunner::run("/bin/echo", {"$HOME; *", ""}).output, "$HOME; * \n");
+}
+
+TEST(ProcessRunner, ReportsOutputAndStatus) {
+    const std::string mebibyte(1 << 20, 'x'), as(1 << 20, 'a'), bs(1 << 20, 'b');
+    const char* bothStreams =
+        "head -c 1M /dev/zero | tr '\\0' a; head -c 1M /dev/zero | tr '\\0' b >&2";
+    auto sh = [](const char* script) { return std::vector<std::string>{"/bin/sh", "-c", script}; };
+    // cat runs directly: the time limit ends it, where a shell would leave it holding the output.
+    const std::vector<std::string> cat = {"/bin/cat"};
+    struct Case {
+        const char* name;
+        std::vector<std::string> command;
+        std::optional<std::string> input;
+        std::string output;
+        int status;
+    };
+    const Case cases[] = {
+        {"errors merged", sh("echo out; echo err >&2; echo again"), {}, "out\nerr\nagain\n", 0},
+        {"input echoed", cat, "one\ntwo", "one\ntwo", 0},
+        {"no input is an immediate end", cat, {}, "", 0},
+        {"input larger than a pipe while output is read", cat, mebibyte, mebibyte, 0},
+        {"more than a pipe holds on both streams", sh(bothStreams), {}, as + bs, 0},
+        // The runner ignores SIGPIPE for itself; this process would die here otherwise.
+        {"child exits before reading its input", sh("exit 3"), std::string(4 << 20, 'x'), "", 3},
+        {"exit code", sh("exit 7"), {}, "", 7},
+        {"signal number", sh("kill -KILL $$"), {}, "", SIGKILL},
+        {"invalid UTF-8 replaced", sh("printf '\\377abc'"), {}, "\uFFFDabc", 0},
+        // With SIGPIPE still ignored in the child, yes would complain about a broken pipe.
+        {"child has the default SIGPIPE", sh("yes | head -n1"), {}, "y\n", 0},
+    };
+    for (const auto& c : cases) {
+        // The time limit turns a hang into a failure.
+        auto result = ProcessRunner::run(c.command[0], {c.command.begin() + 1, c.command.end()},
+                                         c.input, 30.0);
+        EXPECT_FALSE(result.timedOut) << c.name;
+        EXPECT_EQ(result.status, c.status) << c.name;
+        EXPECT_EQ(result.output.size(), c.output.size()) << c.name;
+        EXPECT_TRUE(result.output == c.output) << c.name << ": " << result.output.substr(0, 200);
+    }
+}
+
+TEST(ProcessRunner, TimeoutEndsTheChild) {
+    auto start = Clock::now();
+    auto result = ProcessRunner::run("/bin/sleep", {"5"}, std::nullopt, 0.5);
+    EXPECT_LT(secondsSince(start), 3.0);
+    EXPECT_TRUE(result.timedOut);
+    EXPECT_EQ(result.status, SIGTERM);
+}
+
+TEST(ProcessRunner, CancelThrowsOnceTheChildIsGone) {
+    auto start = Clock::now();
+    CancelToken early;
+    early.cancel();
+    EXPECT_TRUE(sleepIsCancelled(early));
+
+    CancelToken late;
+    std::thread canceller([&] {
+        std::this_thread::sleep_for(300ms);
+        late.cancel();
+    });
+    EXPECT_TRUE(sleepIsCancelled(late));
+    canceller.join();
+    EXPECT_LT(secondsSince(start), 3.0);
+    // Every child was waited for: none is left running or unreaped.
+    errno = 0;
+    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
+    EXPECT_EQ(errno, ECHILD);
+}
+
+TEST(UTF8, LenientReplacesEachMaximalInvalidSubpart) {
+    const std::string r = "\uFFFD";
+    struct Case {
+        const char* name;
+        std::string bytes;
+        std::string text;
+    };
+    const Case cases[] = {
+        {"valid text", "Grüße 日本 😀", "Grüße 日本 😀"},
+        {"lone lead byte", "\xC3", r},
+        {"truncated three-byte sequence", std::string("\xE2\x82") + "A", r + "A"},
+        {"truncated four-byte sequence at the end", "a\xF0\x9F\x98", "a" + r},
+        {"lone continuation bytes", "\x80\x80", r + r},
+        {"surrogate", "\xED\xA0\x80", r + r + r},
+        {"overlong", "\xC0\xAF", r + r},
+        {"above U+10FFFF", "\xF4\x90\x80\x80", r + r + r + r},
+        {"invalid between valid", "\xC3\xA9\xFF\xC3\xA9", "é" + r + "é"},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(UTF8::lenient(c.bytes), c.text) << c.name;
+        EXPECT_EQ(UTF8::isValid(c.bytes), c.bytes == c.text) << c.name;
+    }
+}
+
+}  // namespace
+}  // namespace corvane
