@@ -25,6 +25,8 @@ build: deps
 
 bench: build
 	bench/verifier.sh $(BUILD_DIR)/release/bench/corvane-verifier-bench
+	rm -rf $(BUILD_DIR)/image-bench && mkdir -p $(BUILD_DIR)/image-bench
+	$(BUILD_DIR)/release/bench/corvane-image-bench $(BUILD_DIR)/image-bench 10
 
 clean:
 	rm -rf $(BUILD_DIR)
