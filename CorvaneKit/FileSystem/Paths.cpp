@@ -33,14 +33,8 @@ std::string joined(const std::vector<std::string>& names, std::size_t count) {
 // Resolves the deepest ancestor that exists and appends the rest unchanged.
 std::optional<std::string> resolvedThroughAncestors(const std::string& path) {
     if (auto whole = resolved(path)) return whole;
-    std::vector<std::string> names;
-    std::size_t start = 0;
-    while (start < path.size()) {
-        std::size_t end = path.find('/', start);
-        if (end == std::string::npos) end = path.size();
-        if (end > start) names.push_back(path.substr(start, end - start));
-        start = end + 1;
-    }
+    std::vector<std::string> names = pathComponents(path);
+    names.erase(names.begin());  // the leading "/"
     for (std::size_t kept = names.size(); kept-- > 0;) {
         if (auto ancestor = resolved(joined(names, kept))) {
             std::string result = *ancestor == "/" ? "" : *ancestor;
