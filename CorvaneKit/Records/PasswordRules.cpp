@@ -7,6 +7,7 @@
 #include <unicode/uchar.h>
 #include <unicode/unistr.h>
 
+#include "Records/Characters.h"
 #include "Records/CorvaneError.h"
 
 namespace corvane {
@@ -66,7 +67,7 @@ void classify(const icu::UnicodeString& character, CharacterClasses& classes) {
 }  // namespace
 
 std::size_t PasswordRules::characterCount(std::string_view text) {
-    return forEachCharacter(text, [](const icu::UnicodeString&) {});
+    return Characters::count(text);
 }
 
 std::optional<std::string> PasswordRules::problem(std::string_view password) {

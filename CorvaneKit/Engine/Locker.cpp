@@ -1,0 +1,229 @@
+// Construction of the engine and the small file-system helpers its operations share.
+#include "Engine/Locker.h"
+
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <filesystem>
+#include <system_error>
+
+#include "FileSystem/ExtensionTypes.h"
+#include "FileSystem/FileWalk.h"
+#include "FileSystem/ItemFacts.h"
+#include "FileSystem/Paths.h"
+#include "FileSystem/VolumeLayout.h"
+#include "Records/Characters.h"
+#include "Records/JSONCodec.h"
+
+namespace corvane {
+
+namespace {
+
+[[noreturn]] void throwErrno(int error, const std::string& path) {
+    throw std::system_error(error, std::generic_category(), path);
+}
+
+// The extension as file managers see it: after the last dot, but a leading dot starts a name.
+std::string pathExtension(const std::string& name) {
+    auto dot = name.rfind('.');
+    if (dot == std::string::npos || dot == 0) return "";
+    return name.substr(dot + 1);
+}
+
+std::string shortenedBelow(std::string text, std::size_t bytes) {
+    while (text.size() >= bytes) text = Characters::droppingLast(text);
+    return text;
+}
+
+}  // namespace
+
+Locker::Locker(const std::string& supportDirectory, const std::string& home,
+               const std::optional<std::string>& appBundle, std::shared_ptr<const ImageTool> tool)
+    : tool(std::move(tool)),
+      index(supportDirectory + "/items.json"),
+      journal(supportDirectory + "/operations.json"),
+      mountsRoot(supportDirectory + "/Open"),
+      policy(realPath(home), realPath(mountsRoot),
+             appBundle ? std::optional<std::string_view>(realPath(*appBundle)) : std::nullopt) {}
+
+std::string Locker::lockedBaseName(const std::string& name, bool isFileOrPackage) {
+    if (!isFileOrPackage) return name;
+    std::string base = name;
+    // At most two known extensions go: archive.tar.gz becomes archive; notes.v2 stays whole.
+    for (int round = 0; round < 2; ++round) {
+        std::string extension = pathExtension(base);
+        if (!ExtensionTypes::isRegistered(extension)) break;
+        base.resize(base.size() - extension.size() - 1);
+    }
+    return base;
+}
+
+std::string Locker::availableLockedURL(const std::string& base, const std::string& directory) {
+    std::string shortened = shortenedBelow(base, 243);
+    auto exists = [](const std::string& path) {
+        struct stat status {};
+        return lstat(path.c_str(), &status) == 0;
+    };
+    std::string candidate = directory + "/" + shortened + ".corvlock";
+    for (int n = 2; exists(candidate); ++n)
+        candidate = directory + "/" + shortened + " " + std::to_string(n) + ".corvlock";
+    return candidate;
+}
+
+std::string Locker::volumeName(const std::string& name) {
+    return shortenedBelow(name, 64);
+}
+
+bool Locker::isPackageExtension(const std::string&) {
+    return false;  // Linux has no folders that pose as files
+}
+
+void Locker::setHiddenExtension(const std::string&) {
+    // Linux file managers have no hidden extensions; the locked item shows its full name.
+}
+
+std::optional<std::int64_t> Locker::availableSpace(const std::string& path) {
+    struct statvfs volume {};
+    if (statvfs(path.c_str(), &volume) != 0) return std::nullopt;
+    return static_cast<std::int64_t>(volume.f_bavail) * static_cast<std::int64_t>(volume.f_frsize);
+}
+
+void Locker::makeMountPoint(const std::string& path) const {
+    JSONCodec::createDirectories(mountsRoot, 0700);
+    JSONCodec::createDirectories(path, 0777);
+}
+
+void Locker::renameExclusively(const std::string& from, const std::string& to) {
+    if (renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return;
+    if (errno != EINVAL && errno != ENOTSUP) throwErrno(errno, from);
+    struct stat existing {};
+    if (lstat(to.c_str(), &existing) == 0) throwErrno(EEXIST, from);
+    if (errno != ENOENT) throwErrno(errno, from);
+    if (rename(from.c_str(), to.c_str()) != 0) throwErrno(errno, from);
+}
+
+void Locker::fullSync(const std::string& path) {
+    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) throwErrno(errno, path);
+    // On Linux fsync also flushes the device's cache.
+    int result = fsync(fd);
+    int error = errno;
+    close(fd);
+    if (result != 0) throwErrno(error, path);
+}
+
+bool Locker::isMarkedUnchangeable(const std::string& path) {
+    struct statx status {};
+    if (statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_BASIC_STATS, &status) != 0)
+        return false;
+    return (status.stx_attributes & (STATX_ATTR_IMMUTABLE | STATX_ATTR_APPEND)) != 0;
+}
+
+void Locker::makeDeletable(const std::string& path) {
+    struct stat root {};
+    if (lstat(path.c_str(), &root) != 0) return;
+    auto loosen = [&](const std::string& entryPath, const struct stat& status) {
+        if (status.st_dev != root.st_dev || S_ISLNK(status.st_mode)) return;
+        // A hard-linked file's marks are shared with its other names: leave them alone.
+        if (!S_ISDIR(status.st_mode) && status.st_nlink > 1) return;
+        if (isMarkedUnchangeable(entryPath)) {
+            int fd = open(entryPath.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
+            int flags = 0;
+            if (fd >= 0 && ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0) {
+                flags &= ~(FS_IMMUTABLE_FL | FS_APPEND_FL);
+                ioctl(fd, FS_IOC_SETFLAGS, &flags);
+            }
+            if (fd >= 0) close(fd);
+        }
+        if (S_ISDIR(status.st_mode) && (status.st_mode & S_IRWXU) != S_IRWXU)
+            chmod(entryPath.c_str(), (status.st_mode & 07777) | S_IRWXU);
+    };
+    loosen(path, root);
+    if (!S_ISDIR(root.st_mode)) return;
+    try {
+        FileWalk::walk(path, [&](const FileWalk::Entry& entry) {
+            std::string entryPath = path + "/" + entry.relativePath;
+            struct stat status = entry.info;
+            // A folder that could not be read may be readable once opened up, so it is re-read.
+            if (entry.problem && lstat(entryPath.c_str(), &status) != 0)
+                return FileWalk::Next::descend;
+            loosen(entryPath, status);
+            return FileWalk::Next::descend;
+        });
+    } catch (const FileWalk::WalkError&) {
+        // What could be reached has been opened up; removal reports the rest.
+    }
+}
+
+void Locker::removeOwnedTree(const std::string& path) {
+    makeDeletable(path);
+    std::error_code error;
+    std::filesystem::remove_all(path, error);
+    if (error) throw std::system_error(error, path);
+}
+
+bool Locker::isMountPoint(const std::string& path) {
+    struct stat item {
+    }, parent{};
+    std::string standardized = standardizedPath(path);
+    auto slash = standardized.rfind('/');
+    std::string parentPath = slash == 0 ? "/" : standardized.substr(0, slash);
+    if (stat(standardized.c_str(), &item) != 0 || stat(parentPath.c_str(), &parent) != 0)
+        return false;
+    return item.st_dev != parent.st_dev;
+}
+
+bool Locker::hasDenyDeleteACL(const std::string&) {
+    return false;  // POSIX access lists have no deny entries
+}
+
+Locker::Snapshot Locker::metadataSnapshot(const std::string& path) {
+    auto metadata = [](const struct stat& status) {
+        return EntryMetadata{static_cast<mode_t>(status.st_mode & S_IFMT),
+                             static_cast<std::int64_t>(status.st_size),
+                             static_cast<std::int64_t>(status.st_mtim.tv_sec) * 1'000'000'000 +
+                                 status.st_mtim.tv_nsec};
+    };
+    Snapshot snapshot;
+    struct stat item {};
+    if (lstat(path.c_str(), &item) != 0) throwErrno(errno, path);
+    snapshot[""] = metadata(item);
+    if (S_ISDIR(item.st_mode)) {
+        FileWalk::walk(path, [&](const FileWalk::Entry& entry) {
+            snapshot[entry.relativePath] = entry.problem ? EntryMetadata{} : metadata(entry.info);
+            return FileWalk::Next::descend;
+        });
+    }
+    return snapshot;
+}
+
+std::string Locker::itemName(const std::optional<ItemMarker>& marker,
+                             const std::optional<LockedItem>& record, const std::string& locked) {
+    std::string lockedName = lastPathComponent(locked);
+    std::string extension = pathExtension(lockedName);
+    if (!extension.empty()) lockedName.resize(lockedName.size() - extension.size() - 1);
+    for (const std::string* candidate :
+         {marker ? &marker->name : nullptr, record ? &record->displayName : nullptr,
+          static_cast<const std::string*>(&lockedName)})
+        if (candidate && ItemMarker::isSafeName(*candidate)) return *candidate;
+    return "Corvane item";
+}
+
+std::int64_t Locker::contentLogicalSize(const std::string& mount, LockedItem::Kind kind,
+                                        const std::string& name) {
+    if (kind == LockedItem::Kind::file) return ItemFacts::logicalSize(mount + "/" + name);
+    std::error_code error;
+    std::int64_t total = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(mount, error)) {
+        if (VolumeLayout::housekeeping().count(entry.path().filename())) continue;
+        total += ItemFacts::logicalSize(entry.path());
+    }
+    return error ? 0 : total;
+}
+
+}  // namespace corvane

@@ -1,0 +1,113 @@
+// The locking engine: locks an item into an encrypted image beside it, opens and closes it, and
+// turns it back into normal files, journalling every durable step so that no interruption can
+// lose data. Operations are synchronous and blocking, hold no locks of their own and must be
+// called one at a time (the application's worker, or one command run under the support lock).
+#pragma once
+
+#include <sys/stat.h>
+
+#include <cstdint>
+#include <ctime>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Engine/CrashPoint.h"
+#include "Engine/LockStep.h"
+#include "Engine/OpenItem.h"
+#include "FileSystem/CancelToken.h"
+#include "FileSystem/ImageTool.h"
+#include "FileSystem/LockPolicy.h"
+#include "Records/ItemIndex.h"
+#include "Records/ItemMarker.h"
+#include "Records/OperationJournal.h"
+
+namespace corvane {
+
+class Locker {
+public:
+    using Progress = std::function<void(LockStep)>;
+
+    // What is compared before and after the copy to notice an item that changed meanwhile.
+    struct EntryMetadata {
+        mode_t type = 0;  // S_IFMT bits; 0 when unknown
+        std::optional<std::int64_t> size;
+        std::optional<std::int64_t> modifiedNanoseconds;
+        bool operator==(const EntryMetadata&) const = default;
+    };
+    using Snapshot = std::map<std::string, EntryMetadata>;  // "" is the item itself
+
+    enum class Found { appleDouble, finderLocked };
+
+    // Nothing is created on disk here.
+    Locker(const std::string& supportDirectory, const std::string& home,
+           const std::optional<std::string>& appBundle, std::shared_ptr<const ImageTool> tool);
+
+    std::shared_ptr<const ImageTool> tool;
+    ItemIndex index;
+    OperationJournal journal;
+    std::string mountsRoot;
+    LockPolicy policy;
+
+    // Seams between durable steps, for tests and special builds.
+    std::optional<CrashPoint> crashPoint;
+    std::function<void()> afterVerify;
+    std::function<void(const std::string&)> afterRestoreCopy;
+    std::function<void(const std::string&)> flushVolume = fullSync;
+    std::function<void(const std::string&)> deleteRenamedOriginal = removeOwnedTree;
+    std::int64_t spaceMargin = 250'000'000;
+    double cloudDownloadTimeout = 300.0;
+
+    // Locks the file or folder at `path` and returns its record (stage complete).
+    LockedItem lock(const std::string& path, const std::string& password, std::int64_t generation,
+                    const CancelToken* cancel = nullptr, const Progress& progress = nullptr);
+
+    // Opens the locked item at `path` at its private mount point; an open item is returned as it
+    // is.
+    OpenItem unlock(const std::string& path, const std::string& password);
+    std::vector<OpenItem> openItems() const;
+    // "Lock Now": closes one open item.
+    void relock(const OpenItem& item, bool force);
+
+    // Turns the locked item at `path` back into normal files beside it; returns where they are.
+    std::string removeLock(const std::string& path, const std::string& password,
+                           const CancelToken* cancel = nullptr, const Progress& progress = nullptr);
+    static std::string restoreDestination(const std::string& name, const std::string& directory);
+
+    static std::string itemName(const std::optional<ItemMarker>& marker,
+                                const std::optional<LockedItem>& record, const std::string& locked);
+    static std::int64_t contentLogicalSize(const std::string& mount, LockedItem::Kind kind,
+                                           const std::string& name);
+    static Snapshot metadataSnapshot(const std::string& path);
+
+    // Naming.
+    static std::string lockedBaseName(const std::string& name, bool isFileOrPackage);
+    static std::string availableLockedURL(const std::string& base, const std::string& directory);
+    static std::string volumeName(const std::string& name);
+    static bool isPackageExtension(const std::string& extension);
+    static void setHiddenExtension(const std::string& path);
+
+    // File-system helpers.
+    static std::optional<std::int64_t> availableSpace(const std::string& path);
+    void makeMountPoint(const std::string& path) const;
+    static void renameExclusively(const std::string& from, const std::string& to);
+    static void fullSync(const std::string& path);
+    static void makeDeletable(const std::string& path);
+    static void removeOwnedTree(const std::string& path);
+    static bool isMountPoint(const std::string& path);
+    static bool hasDenyDeleteACL(const std::string& path);
+    // Immutable or append-only, the marks that stop an item from being moved or deleted.
+    static bool isMarkedUnchangeable(const std::string& path);
+
+private:
+    void crashIf(CrashPoint point) const {
+        if (crashPoint == point) throw SimulatedCrash();
+    }
+    void copy(const std::string& source, const std::string& destination,
+              const CancelToken* cancel) const;
+};
+
+}  // namespace corvane

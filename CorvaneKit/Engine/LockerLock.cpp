@@ -1,0 +1,305 @@
+// Locking: checks that change nothing, then a journalled copy into a new image that is verified
+// through a fresh read-only attachment before the original goes. A failure before the locked
+// item is visible is undone completely; after that nothing is undone and recovery finishes.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <filesystem>
+#include <thread>
+
+#include "Engine/Locker.h"
+#include "FileSystem/CloudFiles.h"
+#include "FileSystem/DiskImageTool.h"
+#include "FileSystem/FileWalk.h"
+#include "FileSystem/ItemFacts.h"
+#include "FileSystem/OpenFiles.h"
+#include "FileSystem/Paths.h"
+#include "FileSystem/ProcessRunner.h"
+#include "FileSystem/ThumbnailScrubber.h"
+#include "FileSystem/TreeVerifier.h"
+#include "FileSystem/VolumeLayout.h"
+#include "Records/CorvaneError.h"
+#include "Records/FatalError.h"
+#include "Records/Locator.h"
+
+namespace corvane {
+
+namespace {
+
+constexpr double kWritersTimeout = 10.0;
+
+bool isAtOrBelow(const std::string& path, const std::string& folder) {
+    return path == folder ||
+           (path.size() > folder.size() && path.starts_with(folder) && path[folder.size()] == '/');
+}
+
+void refuseMountsInside(const ImageTool& tool, const std::string& item, const std::string& name) {
+    std::string itemPath = canonicalPath(item);
+    for (const auto& image : tool.attachedImages()) {
+        if (isAtOrBelow(image.imagePath, itemPath)) {
+            if (image.imagePath.ends_with(".corvlock"))
+                throw CorvaneError::containsUnlockedItem(name);
+            throw CorvaneError::containsMountedDisk(name);
+        }
+        if (isAtOrBelow(canonicalPath(image.mountPoint), itemPath))
+            throw CorvaneError::containsMountedDisk(name);
+    }
+}
+
+void refuseFinderLocked(const std::string& item, const std::string& name) {
+    if (Locker::isMarkedUnchangeable(item) || Locker::hasDenyDeleteACL(item))
+        throw CorvaneError::finderLocked(name);
+}
+
+void refuseAppleDoubleOrFinderLockedInside(const std::string& item, const std::string& name) {
+    if (name.starts_with("._")) throw CorvaneError::containsAppleDouble(name);
+    std::optional<Locker::Found> found;
+    struct Stop {};
+    try {
+        FileWalk::walk(item, [&](const FileWalk::Entry& entry) {
+            const std::string& path = entry.relativePath;
+            bool appleDouble = path.starts_with("._") || path.find("/._") != std::string::npos;
+            if (appleDouble)
+                found = Locker::Found::appleDouble;
+            else if (!entry.problem && Locker::isMarkedUnchangeable(item + "/" + path))
+                found = Locker::Found::finderLocked;
+            if (found) throw Stop{};
+            return FileWalk::Next::descend;
+        });
+    } catch (const Stop&) {
+    }
+    if (found == Locker::Found::finderLocked) throw CorvaneError::containsFinderLocked(name);
+    if (found == Locker::Found::appleDouble) throw CorvaneError::containsAppleDouble(name);
+}
+
+void refuseHardLinkedFiles(const std::string& item, const std::string& name) {
+    struct stat status {};
+    if (lstat(item.c_str(), &status) == 0 && S_ISREG(status.st_mode) && status.st_nlink >= 2)
+        throw CorvaneError::hardLinked(name);
+    if (!S_ISDIR(status.st_mode)) return;
+    FileWalk::walk(item, [&](const FileWalk::Entry& entry) {
+        if (!entry.problem && S_ISREG(entry.info.st_mode) && entry.info.st_nlink > 1)
+            throw CorvaneError::hardLinked(name);
+        return FileWalk::Next::descend;
+    });
+}
+
+std::string parentOf(const std::string& path) {
+    auto slash = path.rfind('/');
+    return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+void writeEmptyFile(const std::string& path) {
+    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd < 0) throw std::system_error(errno, std::generic_category(), path);
+    close(fd);
+}
+
+}  // namespace
+
+void Locker::copy(const std::string& source, const std::string& destination,
+                  const CancelToken* cancel) const {
+    struct stat status {};
+    bool folder = stat(source.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+    // A folder's contents go into the destination folder itself; a file becomes the destination.
+    std::vector<std::string> arguments{"-a", folder ? source + "/." : source, destination};
+    ProcessResult result =
+        ProcessRunner::run("/bin/cp", arguments, std::nullopt, std::nullopt, cancel);
+    if (result.status != 0) throw CorvaneError::copyFailed(DiskImageTool::clean(result.output));
+}
+
+LockedItem Locker::lock(const std::string& path, const std::string& password,
+                        std::int64_t generation, const CancelToken* cancel,
+                        const Progress& progress) {
+    auto report = [&](LockStep step) {
+        if (progress) progress(step);
+    };
+
+    // Checks: nothing on disk changes until the journal has the entry.
+    report(LockStep::preparing);
+    ItemFacts facts = ItemFacts::inspect(path);
+    if (auto refusal = policy.refusal(path, facts)) throw CorvaneError::refused(*refusal);
+    const std::string item = realPath(path);
+    const std::string parent = parentOf(item);
+    const std::string name = lastPathComponent(item);
+
+    refuseMountsInside(*tool, item, name);
+    refuseFinderLocked(item, name);
+    refuseAppleDoubleOrFinderLockedInside(item, name);
+    refuseHardLinkedFiles(item, name);
+
+    bool downloaded = false;
+    if (auto pending = CloudFiles::notDownloaded(item); !pending.empty()) {
+        report(LockStep::downloading);
+        CloudFiles::requestDownload(pending);
+        using Clock = std::chrono::steady_clock;
+        auto deadline = Clock::now() + std::chrono::duration_cast<Clock::duration>(
+                                           std::chrono::duration<double>(cloudDownloadTimeout));
+        while (Clock::now() < deadline) {
+            if (cancel && cancel->isCancelled()) throw CorvaneError::cancelled();
+            std::this_thread::sleep_for(std::clamp(deadline - Clock::now(), Clock::duration::zero(),
+                                                   Clock::duration(std::chrono::seconds(1))));
+            pending = CloudFiles::notDownloaded(item);
+            if (pending.empty()) break;
+        }
+        if (cancel && cancel->isCancelled()) throw CorvaneError::cancelled();
+        if (!pending.empty()) throw CorvaneError::stillInICloud(name);
+        downloaded = true;
+    }
+
+    std::int64_t size = downloaded ? ItemFacts::allocatedSize(item) : facts.size;
+    std::int64_t needed = 0;
+    if (__builtin_add_overflow(spaceMargin, size, &needed)) fatalError("space overflow");
+    if (auto available = availableSpace(parent); available && *available < needed)
+        throw CorvaneError::notEnoughSpace(needed, *available);
+
+    auto writers = OpenFiles::writerNames(OpenFiles::holders(item, kWritersTimeout));
+    if (!writers.empty()) throw CorvaneError::inUse(writers);
+    // The last chance to cancel before the disk is touched; later the copy and verify notice it.
+    if (cancel && cancel->isCancelled()) throw CorvaneError::cancelled();
+
+    struct stat itemStatus {};
+    stat(item.c_str(), &itemStatus);
+    const LockedItem::Kind kind =
+        S_ISDIR(itemStatus.st_mode) ? LockedItem::Kind::folder : LockedItem::Kind::file;
+    const bool isPackage = isPackageExtension("");
+    const Uuid id = Uuid::random();
+    const std::string partialURL = parent + "/.corvane-" + id.string() + ".partial.sparsebundle";
+    const std::string finalURL = availableLockedURL(
+        lockedBaseName(name, kind == LockedItem::Kind::file || isPackage), parent);
+    const std::string mountPoint = mountsRoot + "/" + id.string();
+    const std::string copyTarget =
+        kind == LockedItem::Kind::folder ? mountPoint : mountPoint + "/" + name;
+    const std::string deletingURL = parent + "/.corvane-" + id.string() + ".deleting";
+
+    // Journal write 1: every path the lock will touch, before any of them exists.
+    JournalEntry entry{id,           JournalEntry::Kind::lock,
+                       item,         partialURL,
+                       finalURL,     std::nullopt,
+                       std::nullopt, std::nullopt};
+    journal.add(entry);
+
+    std::int64_t contentSize = 0;
+    Snapshot before;
+    try {
+        contentSize = ItemFacts::logicalSize(item);
+        before = metadataSnapshot(item);
+
+        report(LockStep::encrypting);
+        tool->create(partialURL, volumeName(name), password);
+        crashIf(CrashPoint::lockAfterCreate);
+
+        makeMountPoint(mountPoint);
+        tool->attach(partialURL, mountPoint, password, false);
+        copy(item, copyTarget, cancel);
+        writeEmptyFile(mountPoint + "/.metadata_never_index");
+        ItemMarker(kind, name).write(mountPoint);
+        crashIf(CrashPoint::lockAfterCopy);
+
+        // Verification reads the image as written, through a fresh read-only attachment.
+        tool->detach(mountPoint, false);
+        report(LockStep::verifying);
+        makeMountPoint(mountPoint);
+        tool->attach(partialURL, mountPoint, password, true);
+        auto mismatches =
+            TreeVerifier::compare(item, copyTarget,
+                                  kind == LockedItem::Kind::folder ? VolumeLayout::housekeeping()
+                                                                   : std::set<std::string>{},
+                                  cancel);
+        tool->detach(mountPoint, false);
+        rmdir(mountPoint.c_str());
+        if (!mismatches.empty()) throw CorvaneError::verificationFailed(mismatches);
+        crashIf(CrashPoint::lockAfterVerify);
+
+        if (afterVerify) afterVerify();
+        // The copy verified, but an item written to meanwhile may differ from what was copied.
+        if (metadataSnapshot(item) != before) throw CorvaneError::changedWhileLocking();
+
+        // Journal write 2: the image is complete; from its rename on, it is the item.
+        report(LockStep::removingOriginal);
+        entry.lockedIdentity = FileIdentity::of(partialURL);
+        entry.lockedAt = DateFormat::roundedToSecond(std::chrono::system_clock::now());
+        journal.add(entry);
+        crashIf(CrashPoint::lockBeforeRename);
+
+        renameExclusively(partialURL, finalURL);
+        crashIf(CrashPoint::lockAfterMove);
+    } catch (const SimulatedCrash&) {
+        throw;
+    } catch (...) {
+        std::exception_ptr first = std::current_exception();
+        try {
+            tool->detach(mountPoint, true);
+        } catch (...) {
+        }
+        rmdir(mountPoint.c_str());
+        std::error_code ignored;
+        std::filesystem::remove_all(partialURL, ignored);
+        try {
+            journal.remove(id);
+        } catch (...) {
+        }
+        std::rethrow_exception(first);
+    }
+    setHiddenExtension(finalURL);
+
+    LockedItem record{id,         name,
+                      kind,       Locator::make(finalURL),
+                      finalURL,   DateFormat::roundedToSecond(std::chrono::system_clock::now()),
+                      generation, LockedItem::Stage::originalPending,
+                      item,       contentSize};
+
+    // The locked item is visible: nothing is undone from here on, and the journal entry stays
+    // until the original is gone so that recovery can finish the removal.
+    try {
+        if (auto identity = FileIdentity::of(finalURL)) entry.lockedIdentity = identity;
+        entry.lockedAt = record.createdAt;
+        journal.add(entry);
+        index.upsert(record);
+        crashIf(CrashPoint::lockAfterRename);
+
+        flushVolume(parent);
+        entry.deletingPath = deletingURL;
+        journal.add(entry);
+        renameExclusively(item, deletingURL);
+        crashIf(CrashPoint::lockAfterRenameToDeleting);
+    } catch (const SimulatedCrash&) {
+        throw;
+    } catch (...) {
+        throw CorvaneError::lockedButOriginalRemains(name);
+    }
+    try {
+        deleteRenamedOriginal(deletingURL);
+    } catch (...) {
+        throw CorvaneError::lockedButRemovalUnfinished(name);
+    }
+    crashIf(CrashPoint::lockAfterDeleteOriginal);
+
+    record.stage = LockedItem::Stage::complete;
+    record.originalPath.reset();
+    try {
+        index.upsert(record);
+    } catch (...) {
+        // Recovery finishes the record.
+    }
+    try {
+        journal.remove(id);
+    } catch (...) {
+        // Recovery drops the finished entry.
+    }
+
+    // Previews and Recents must not keep what is now locked.
+    std::vector<std::string> relativePaths;
+    for (const auto& [relative, metadata] : before)
+        if (!relative.empty()) relativePaths.push_back(relative);
+    ThumbnailScrubber::reset(item, relativePaths);
+
+    report(LockStep::finishing);
+    return record;
+}
+
+}  // namespace corvane

@@ -1,0 +1,88 @@
+// Opening a locked item at its private mount point, listing what is open, and closing it again.
+// Nothing here changes a locked item on disk.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+
+#include "Engine/Locker.h"
+#include "FileSystem/Paths.h"
+#include "Records/CorvaneError.h"
+#include "Records/Locator.h"
+
+namespace corvane {
+
+OpenItem Locker::unlock(const std::string& path, const std::string& password) {
+    if (!path.ends_with(".corvlock")) throw CorvaneError::notLocked();
+    struct stat status {};
+    if (stat(path.c_str(), &status) != 0) throw CorvaneError::notFound();
+
+    std::optional<LockedItem> record = index.item(path);
+    if (record) {
+        auto open = openItems();
+        auto same = std::find_if(open.begin(), open.end(),
+                                 [&](const OpenItem& each) { return each.id == record->id; });
+        if (same != open.end()) return *same;
+    }
+    // An item locked elsewhere, or whose record was lost, is adopted under a new id.
+    Uuid id = record ? record->id : Uuid::random();
+    std::string mountPoint = mountsRoot + "/" + id.string();
+    makeMountPoint(mountPoint);
+    tool->attach(path, mountPoint, password, false);
+
+    auto marker = ItemMarker::read(mountPoint);
+    std::string name = itemName(marker, record, path);
+    LockedItem::Kind kind = marker   ? marker->kind
+                            : record ? record->kind
+                                     : LockedItem::Kind::folder;
+    if (!record) {
+        index.upsert(LockedItem{id, name, kind, Locator::make(path), path,
+                                DateFormat::roundedToSecond(std::chrono::system_clock::now()), 0,
+                                LockedItem::Stage::complete, std::nullopt,
+                                contentLogicalSize(mountPoint, kind, name)});
+    } else if (!record->contentSize) {
+        record->contentSize = contentLogicalSize(mountPoint, kind, name);
+        index.upsert(*record);
+    }
+    return OpenItem{id, path, mountPoint, kind, name};
+}
+
+std::vector<OpenItem> Locker::openItems() const {
+    auto items = index.load();
+    std::string root = canonicalPath(mountsRoot) + "/";
+    std::vector<OpenItem> open;
+    for (const auto& image : tool->attachedImages()) {
+        std::string mountPoint = canonicalPath(image.mountPoint);
+        // Only a mount point directly in the mounts root, named after an indexed id, is ours.
+        if (!mountPoint.starts_with(root) || mountPoint.find('/', root.size()) != std::string::npos)
+            continue;
+        std::string idText = mountPoint.substr(root.size());
+        auto item = std::find_if(items.begin(), items.end(), [&](const LockedItem& each) {
+            return each.id.string() == idText;
+        });
+        if (item == items.end()) continue;
+        auto marker = ItemMarker::read(mountPoint);
+        std::string lockedURL = ItemIndex::locate(*item).value_or(image.imagePath);
+        open.push_back(OpenItem{item->id, lockedURL, mountPoint, marker ? marker->kind : item->kind,
+                                itemName(marker, *item, lockedURL)});
+    }
+    return open;
+}
+
+void Locker::relock(const OpenItem& item, bool force) {
+    std::string mountPoint = canonicalPath(item.mountPoint);
+    bool mounted = false;
+    try {
+        auto images = tool->attachedImages();
+        mounted = std::any_of(images.begin(), images.end(), [&](const AttachedImage& image) {
+            return canonicalPath(image.mountPoint) == mountPoint;
+        });
+    } catch (...) {
+        mounted = isMountPoint(item.mountPoint);
+    }
+    if (mounted) tool->detach(item.mountPoint, force);
+    rmdir(item.mountPoint.c_str());
+}
+
+}  // namespace corvane

@@ -1,0 +1,131 @@
+// The locking engine end to end, on real files with real gocryptfs images.
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "Engine/Locker.h"
+#include "FileSystem/GocryptfsTool.h"
+#include "FileSystem/ProcessRunner.h"
+#include "FileSystem/TreeVerifier.h"
+#include "Records/CorvaneError.h"
+#include "TestSupport.h"
+
+namespace corvane {
+namespace {
+
+using testing::BackgroundProcess;
+using testing::listing;
+using testing::readFile;
+using testing::TempDir;
+using testing::writeFile;
+using Names = std::vector<std::string>;
+
+const std::string kPassword = "locker test password";
+
+class LockerTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        std::filesystem::create_directories(home);
+        makeSample(home + "/Taxes");
+        std::filesystem::create_directories(pristine);
+        ProcessRunner::run("/bin/cp", {"-a", home + "/Taxes", pristine + "/Taxes"});
+    }
+
+    void TearDown() override {
+        for (const auto& image : GocryptfsTool().attachedImages())
+            if (image.mountPoint.starts_with(root.path() + "/"))
+                ProcessRunner::run("/usr/bin/fusermount3", {"-u", "-z", image.mountPoint});
+    }
+
+    static void makeSample(const std::string& folder) {
+        writeFile(folder + "/2024/scan é.pdf", std::string(300000, 'p'));
+        writeFile(folder + "/2024/deep/empty.txt", "");
+        writeFile(folder + "/notes 日本.txt", "notes");
+        symlink("2024/scan é.pdf", (folder + "/latest").c_str());
+    }
+
+    Locker makeLocker() { return Locker(support, home, std::nullopt, std::make_shared<GocryptfsTool>()); }
+
+    bool sameAsPristine(const std::string& restored) {
+        return TreeVerifier::compare(pristine + "/Taxes", restored, {}).empty();
+    }
+
+    CorvaneError::Case failure(const std::function<void()>& operation) {
+        try {
+            operation();
+        } catch (const CorvaneError& error) {
+            lastError = error.errorDescription();
+            return error.errorCase();
+        }
+        ADD_FAILURE() << "no CorvaneError";
+        return CorvaneError::Case::notFound;
+    }
+
+    // What the folder holding the item shows, hidden intermediate names included.
+    Names homeListing() { return listing(home); }
+
+    TempDir root;
+    std::string home = root / "home";
+    std::string support = root / "support";
+    std::string pristine = root / "pristine";
+    std::string lastError;
+};
+
+TEST_F(LockerTest, FolderLocksOpensClosesAndRestoresIdentical) {
+    Locker locker = makeLocker();
+    std::vector<LockStep> steps;
+    LockedItem item = locker.lock(home + "/Taxes", kPassword, 1, nullptr, [&](LockStep s) { steps.push_back(s); });
+
+    EXPECT_EQ(steps, (std::vector<LockStep>{LockStep::preparing, LockStep::encrypting, LockStep::verifying,
+                                            LockStep::removingOriginal, LockStep::finishing}));
+    EXPECT_EQ(homeListing(), Names{"Taxes.corvlock"});
+    EXPECT_EQ(item.lastKnownPath, home + "/Taxes.corvlock");
+    EXPECT_EQ(item.stage, LockedItem::Stage::complete);
+    EXPECT_EQ(item.contentSize, 300005);
+    EXPECT_EQ(locker.index.load(), std::vector<LockedItem>{item});
+    EXPECT_TRUE(locker.journal.load().empty());
+    EXPECT_TRUE(listing(locker.mountsRoot).empty());
+
+    OpenItem open = locker.unlock(item.lastKnownPath, kPassword);
+    EXPECT_EQ(open.name, "Taxes");
+    EXPECT_EQ(readFile(open.contentURL() + "/notes 日本.txt"), "notes");
+    EXPECT_EQ(locker.openItems(), std::vector<OpenItem>{open});
+    EXPECT_EQ(locker.unlock(item.lastKnownPath, kPassword), open) << "opening an open item changes nothing";
+    locker.relock(open, false);
+    EXPECT_TRUE(locker.openItems().empty());
+    EXPECT_FALSE(std::filesystem::exists(open.mountPoint));
+
+    steps.clear();
+    std::string restored =
+        locker.removeLock(item.lastKnownPath, kPassword, nullptr, [&](LockStep s) { steps.push_back(s); });
+    EXPECT_EQ(restored, home + "/Taxes");
+    EXPECT_EQ(steps, (std::vector<LockStep>{LockStep::restoring, LockStep::finishing}));
+    EXPECT_TRUE(sameAsPristine(restored));
+    EXPECT_EQ(homeListing(), Names{"Taxes"});
+    EXPECT_TRUE(locker.index.load().empty());
+    EXPECT_TRUE(locker.journal.load().empty());
+}
+
+TEST_F(LockerTest, FileLocksUnderItsBaseNameAndRestoresBeside) {
+    Locker locker = makeLocker();
+    writeFile(home + "/Report.pdf", "report v1");
+    LockedItem item = locker.lock(home + "/Report.pdf", kPassword, 1);
+    EXPECT_EQ(item.lastKnownPath, home + "/Report.corvlock");
+    EXPECT_EQ(item.kind, LockedItem::Kind::file);
+
+    OpenItem open = locker.unlock(item.lastKnownPath, kPassword);
+    EXPECT_EQ(open.contentURL(), open.mountPoint + "/Report.pdf");
+    EXPECT_EQ(readFile(open.contentURL()), "report v1");
+    locker.relock(open, false);
+
+    writeFile(home + "/Report.pdf", "a newer report");
+    EXPECT_EQ(locker.removeLock(item.lastKnownPath, kPassword), home + "/Report (restored).pdf");
+    EXPECT_EQ(readFile(home + "/Report (restored).pdf"), "report v1");
+    EXPECT_EQ(readFile(home + "/Report.pdf"), "a newer report");
+}
+
+}  // namespace
+}  // namespace corvane
