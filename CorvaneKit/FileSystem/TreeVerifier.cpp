@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cerrno>
 #include <exception>
+#include <future>
 #include <memory>
 #include <optional>
 #include <system_error>
@@ -197,8 +198,21 @@ std::vector<TreeMismatch> TreeVerifier::compare(const std::string& original,
                                                 const std::string& copy,
                                                 const std::set<std::string>& ignoringAtRoot,
                                                 const CancelToken* cancel) {
-    Manifest before = manifest(original, ignoringAtRoot, cancel);
-    Manifest after = manifest(copy, ignoringAtRoot, cancel);
+    // Both trees are read at once (the copy usually through a slower file system); the
+    // original's failure is reported first, as if it had been read first.
+    auto copyManifest =
+        std::async(std::launch::async, [&] { return manifest(copy, ignoringAtRoot, cancel); });
+    Manifest before;
+    try {
+        before = manifest(original, ignoringAtRoot, cancel);
+    } catch (...) {
+        try {
+            copyManifest.get();
+        } catch (...) {
+        }
+        throw;
+    }
+    Manifest after = copyManifest.get();
 
     std::vector<TreeMismatch> mismatches;
     auto mine = before.begin();
