@@ -1,4 +1,6 @@
 # The two set-up commands of the README, and a fast developer build.
+#   make demo   installs what is missing, makes an optimised build and shows the corvane command
+#               locking, opening, closing and unlocking a sample folder in a private temporary place
 #   make test   installs what is missing, builds with AddressSanitizer and UndefinedBehaviorSanitizer,
 #               and runs every test (this is what CI runs)
 #   make build  an optimised build without sanitizers
@@ -7,10 +9,13 @@
 BUILD_DIR ?= build
 JOBS ?= $(shell nproc)
 
-.PHONY: deps test build bench clean
+.PHONY: deps demo test build bench clean
 
 deps:
 	scripts/install-deps
+
+demo: build
+	scripts/demo $(BUILD_DIR)/release/cli/corvane
 
 test: deps
 	cmake -S . -B $(BUILD_DIR)/sanitize -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCORVANE_SANITIZE=ON
@@ -27,6 +32,7 @@ bench: build
 	bench/verifier.sh $(BUILD_DIR)/release/bench/corvane-verifier-bench
 	rm -rf $(BUILD_DIR)/image-bench && mkdir -p $(BUILD_DIR)/image-bench
 	$(BUILD_DIR)/release/bench/corvane-image-bench $(BUILD_DIR)/image-bench 10
+	bench/lock.sh $(BUILD_DIR)/release/cli/corvane $(BUILD_DIR)/release/bench/corvane-verifier-bench
 
 clean:
 	rm -rf $(BUILD_DIR)

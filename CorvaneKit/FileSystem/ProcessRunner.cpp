@@ -108,14 +108,20 @@ pid_t spawn(const std::string& executablePath, const std::vector<std::string>& a
     posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
     posix_spawn_file_actions_adddup2(&actions, output, STDERR_FILENO);
 
-    // This process ignores SIGPIPE; the child gets the default back, as any tool expects.
+    // The child starts clean: SIGPIPE (ignored here) back to its default, and no signal blocked,
+    // whatever this process blocks, so that the SIGTERM of a cancel or time-out reaches it.
     posix_spawnattr_t attributes;
     posix_spawnattr_init(&attributes);
-    sigset_t defaults;
+    sigset_t defaults, unblocked;
     sigemptyset(&defaults);
     sigaddset(&defaults, SIGPIPE);
+    sigemptyset(&unblocked);
     posix_spawnattr_setsigdefault(&attributes, &defaults);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
+    posix_spawnattr_setsigmask(&attributes, &unblocked);
+    // Its own process group, so a Ctrl-C at the terminal reaches the user's Cancel, not the tool.
+    posix_spawnattr_setpgroup(&attributes, 0);
+    posix_spawnattr_setflags(
+        &attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETPGROUP);
 
     pid_t child = 0;
     int error =

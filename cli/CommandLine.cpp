@@ -1,0 +1,83 @@
+#include "CommandLine.h"
+
+#include <algorithm>
+#include <map>
+
+#include "Commands.h"
+#include "FailureMessage.h"
+#include "UsageError.h"
+
+namespace corvane::cli {
+
+const std::string CommandLine::usage =
+    "Usage: corvane [--password-stdin] COMMAND [ARGUMENTS]\n"
+    "\n"
+    "Commands:\n"
+    "  lock PATH...                   lock files and folders where they stand\n"
+    "  unlock PATH                    open a locked item; prints where its contents are\n"
+    "  lock-now [--force] PATH...     close open items (--force: even while in use)\n"
+    "  lock-now [--force] --all       close every open item\n"
+    "  remove-lock PATH               turn a locked item back into normal files\n"
+    "  list [--json]                  show every locked item\n"
+    "\n"
+    "Options:\n"
+    "  --password-stdin               read the password from the first line of input\n"
+    "  --help                         show this help\n"
+    "  --version                      show the version\n";
+
+namespace {
+
+using Command = int (*)(CommandContext&, const Words&, std::istream&, std::ostream&, std::ostream&);
+
+const std::map<std::string, Command, std::less<>> kCommands = {
+    {"lock", runLock},        {"unlock", runUnlock},
+    {"lock-now", runLockNow}, {"remove-lock", runRemoveLock},
+    {"list", runList},
+};
+
+// Takes `option` out of the words before "--"; whether it was there.
+bool takeOption(std::vector<std::string>& words, std::string_view option) {
+    auto end = std::find(words.begin(), words.end(), "--");
+    auto found = std::remove(words.begin(), end, option);
+    if (found == end) return false;
+    words.erase(found, end);
+    return true;
+}
+
+}  // namespace
+
+int CommandLine::run(std::vector<std::string> words, CommandContext::Settings settings,
+                     CancelToken& cancel, std::istream& in, std::ostream& out, std::ostream& err) {
+    try {
+        settings.passwordFromInput = takeOption(words, "--password-stdin");
+        bool help = takeOption(words, "--help") || (!words.empty() && words.front() == "help");
+        if (help) {
+            out << usage;
+            return 0;
+        }
+        if (takeOption(words, "--version")) {
+            out << "corvane " << CORVANE_VERSION << '\n';
+            return 0;
+        }
+        if (words.empty()) throw UsageError("no command given");
+        std::string name = words.front();
+        words.erase(words.begin());
+        auto command = kCommands.find(name);
+        if (command == kCommands.end())
+            throw UsageError((name.starts_with("-") ? "unknown option " : "unknown command ") +
+                             name);
+
+        CommandContext context(std::move(settings), cancel);
+        return command->second(context, words, in, out, err);
+    } catch (const UsageError& error) {
+        err << "corvane: " << error.what() << "\n"
+            << "Usage: corvane [--password-stdin] COMMAND [ARGUMENTS]\n"
+            << "Run 'corvane --help' to see the commands.\n";
+        return 2;
+    } catch (...) {
+        err << failureMessage(std::current_exception()) << '\n';
+        return 1;
+    }
+}
+
+}  // namespace corvane::cli

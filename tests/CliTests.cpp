@@ -1,0 +1,303 @@
+// The corvane command run in-process on real folders and real gocryptfs mounts, and once as a
+// program to see Ctrl-C cancel a lock.
+#include <gtest/gtest.h>
+
+#include <optional>
+#include <regex>
+
+#include <nlohmann/json.hpp>
+
+#include "CommandLine.h"
+#include "Engine/AppPaths.h"
+#include "FileSystem/GocryptfsTool.h"
+#include "FileSystem/ProcessRunner.h"
+#include "Records/SupportLock.h"
+#include "TestSupport.h"
+
+namespace corvane {
+namespace {
+
+using testing::readFile;
+using testing::TempDir;
+using testing::writeFile;
+
+// Sets (or with nothing, unsets) an environment variable and puts back what was there.
+class ScopedVariable {
+public:
+    ScopedVariable(std::string name, const std::optional<std::string>& value) : name_(name) {
+        if (const char* old = std::getenv(name_.c_str())) old_ = old;
+        value ? setenv(name_.c_str(), value->c_str(), 1) : unsetenv(name_.c_str());
+    }
+    ~ScopedVariable() { old_ ? setenv(name_.c_str(), old_->c_str(), 1) : unsetenv(name_.c_str()); }
+
+private:
+    std::string name_;
+    std::optional<std::string> old_;
+};
+
+struct Outcome {
+    int status;
+    std::string out;
+    std::string err;
+};
+
+class CliTest : public ::testing::Test {
+protected:
+    void TearDown() override {
+        for (const auto& image : GocryptfsTool().attachedImages())
+            if (image.mountPoint.starts_with(root.path() + "/"))
+                ProcessRunner::run("/usr/bin/fusermount3", {"-u", "-z", image.mountPoint});
+    }
+
+    Outcome run(const std::vector<std::string>& words, const std::string& input = "pw\n") {
+        std::istringstream in(input);
+        std::ostringstream out, err;
+        int status = cli::CommandLine::run(words, {}, cancel, in, out, err);
+        return {status, out.str(), err.str()};
+    }
+
+    nlohmann::json listed() { return nlohmann::json::parse(run({"list", "--json"}).out); }
+
+    TempDir root;
+    ScopedVariable support{"CORVANE_SUPPORT_DIR", root / "Support"};
+    ScopedVariable home{"HOME", root / "Home"};
+    CancelToken cancel;
+    std::string sample = root / "Work/Grüße 日本";
+    std::string locked = sample + ".corvlock";
+    std::string data = std::string(1500, 'x');
+};
+
+TEST_F(CliTest, LockListUnlockCloseAndRemove) {
+    writeFile(sample + "/notes.txt", "secret notes");
+    writeFile(sample + "/Sub/data.bin", data);
+
+    Outcome lock = run({"--password-stdin", "lock", sample});
+    ASSERT_EQ(lock.status, 0) << lock.err;
+    EXPECT_EQ(lock.out, locked + "\n");
+    EXPECT_EQ(lock.err,
+              "Getting Grüße 日本 ready…\n"
+              "Encrypting Grüße 日本…\n"
+              "Checking every file in Grüße 日本…\n"
+              "Removing the unlocked original…\n"
+              "Finishing up…\n");
+    EXPECT_FALSE(std::filesystem::exists(sample));
+
+    EXPECT_EQ(run({"list"}).out,
+              "NAME        STATE   SIZE  PATH\n"
+              "Grüße 日本  locked  2 KB  " +
+                  locked + "\n")
+        << "wide characters take two columns";
+    nlohmann::json items = listed();
+    ASSERT_EQ(items.size(), 1u);
+    EXPECT_TRUE(std::regex_match(items[0]["id"].get<std::string>(),
+                                 std::regex("[0-9A-F]{8}(-[0-9A-F]{4}){3}-[0-9A-F]{12}")));
+    EXPECT_EQ(items[0]["name"], "Grüße 日本");
+    EXPECT_EQ(items[0]["state"], "locked");
+    EXPECT_EQ(items[0]["path"], locked);
+    EXPECT_EQ(items[0]["size"], "2 KB");
+    EXPECT_EQ(items[0]["originalSize"], 1512);
+    EXPECT_EQ(items[0]["passwordGeneration"], 1);
+
+    // Each way of naming an open item closes it.
+    for (std::string how : {"locked item", "mount point", "--all"}) {
+        Outcome unlock = run({"unlock", locked, "--password-stdin"});
+        ASSERT_EQ(unlock.status, 0) << unlock.err;
+        std::string contents = unlock.out.substr(0, unlock.out.size() - 1);
+        EXPECT_EQ(unlock.out, contents + "\n");
+        EXPECT_EQ(readFile(contents + "/Sub/data.bin"), data);
+        EXPECT_EQ(listed()[0]["state"], "open");
+
+        std::string which = how == "locked item" ? locked : how == "mount point" ? contents : how;
+        Outcome close = run({"lock-now", which});
+        EXPECT_EQ(close.status, 0) << how << ": " << close.err;
+        EXPECT_EQ(close.out, locked + "\n") << how;
+        EXPECT_EQ(listed()[0]["state"], "locked") << how;
+        EXPECT_FALSE(std::filesystem::exists(contents + "/notes.txt")) << how;
+    }
+    Outcome notOpen = run({"lock-now", locked});
+    EXPECT_EQ(notOpen.status, 1);
+    EXPECT_EQ(notOpen.err, "Grüße 日本.corvlock is not open.\n");
+
+    Outcome remove = run({"remove-lock", "--password-stdin", locked});
+    ASSERT_EQ(remove.status, 0) << remove.err;
+    EXPECT_EQ(remove.out, sample + "\n");
+    EXPECT_EQ(remove.err, "Restoring Grüße 日本…\nFinishing up…\n");
+    EXPECT_EQ(readFile(sample + "/notes.txt"), "secret notes");
+    EXPECT_EQ(readFile(sample + "/Sub/data.bin"), data);
+    EXPECT_FALSE(std::filesystem::exists(locked));
+    EXPECT_EQ(run({"list"}).out, "No locked items.\n");
+    EXPECT_EQ(run({"list", "--json"}).out, "[]\n");
+}
+
+TEST_F(CliTest, MisuseEndsWithStatusTwo) {
+    struct Case {
+        std::vector<std::string> words;
+        std::string firstLine;
+    };
+    const Case cases[] = {
+        {{}, "corvane: no command given"},
+        {{"frobnicate"}, "corvane: unknown command frobnicate"},
+        {{"--verbose", "list"}, "corvane: unknown option --verbose"},
+        {{"list", "--all"}, "corvane: unknown option --all"},
+        {{"list", "x"}, "corvane: list takes no paths"},
+        {{"lock", "--password-stdin"}, "corvane: lock needs the path of a file or folder"},
+        {{"unlock", "a.corvlock", "b.corvlock"},
+         "corvane: unlock takes the path of one locked item"},
+        {{"remove-lock"}, "corvane: remove-lock takes the path of one locked item"},
+        {{"lock-now"}, "corvane: lock-now needs the path of an open item, or --all"},
+        {{"lock-now", "--all", locked}, "corvane: lock-now --all takes no paths"},
+        {{"lock", root / "Work"},
+         "corvane: a password is needed: type it at a terminal or pass --password-stdin"},
+    };
+    for (const auto& [words, firstLine] : cases) {
+        Outcome misuse = run(words);
+        EXPECT_EQ(misuse.status, 2) << firstLine;
+        EXPECT_EQ(misuse.out, "") << firstLine;
+        EXPECT_EQ(misuse.err, firstLine +
+                                  "\nUsage: corvane [--password-stdin] COMMAND [ARGUMENTS]\n"
+                                  "Run 'corvane --help' to see the commands.\n");
+    }
+    for (const std::vector<std::string>& words :
+         {std::vector<std::string>{"--help"}, {"lock", "--help"}}) {
+        EXPECT_EQ(run(words).status, 0);
+        EXPECT_EQ(run(words).out, cli::CommandLine::usage);
+    }
+    Outcome version = run({"--version"});
+    EXPECT_EQ(version.status, 0);
+    EXPECT_TRUE(std::regex_match(version.out, std::regex("corvane [0-9]+\\.[0-9]+(\\.[0-9]+)?\n")))
+        << version.out;
+}
+
+TEST_F(CliTest, FailuresPrintTheirSentenceAlone) {
+    writeFile(sample + "/notes.txt", "secret notes");
+    writeFile(root / "Work/plain.txt", "plain");
+    struct Case {
+        std::vector<std::string> words;
+        std::string input;
+        std::string err;
+    };
+    const Case cases[] = {
+        {{"unlock", root / "Work/plain.txt"}, "pw\n", "This is not a Corvane locked item.\n"},
+        {{"remove-lock", sample}, "pw\n", "This is not a Corvane locked item.\n"},
+        {{"unlock", root / "Work/gone.corvlock"}, "pw\n", "That item could not be found.\n"},
+        {{"lock", sample}, "\n", "corvane: the password is empty\n"},
+        {{"lock", sample}, "", "corvane: standard input ended before a password\n"},
+    };
+    for (const auto& [words, input, expected] : cases) {
+        std::vector<std::string> withPassword = words;
+        withPassword.push_back("--password-stdin");
+        Outcome failure = run(withPassword, input);
+        EXPECT_EQ(failure.status, 1) << expected;
+        EXPECT_EQ(failure.err, expected);
+    }
+
+    // One failing path does not stop the others.
+    Outcome several = run({"--password-stdin", "lock", root / "Work/missing", sample});
+    EXPECT_EQ(several.status, 1);
+    EXPECT_EQ(several.out, locked + "\n");
+    EXPECT_NE(several.err.find("Could not lock missing: That item no longer exists.\n"),
+              std::string::npos)
+        << several.err;
+    EXPECT_EQ(run({"--password-stdin", "remove-lock", locked}).status, 0);
+
+    cancel.cancel();
+    Outcome cancelled = run({"--password-stdin", "lock", sample});
+    EXPECT_EQ(cancelled.status, 1);
+    EXPECT_TRUE(cancelled.err.ends_with("Cancelled. Nothing was changed.\n")) << cancelled.err;
+    EXPECT_EQ(readFile(sample + "/notes.txt"), "secret notes");
+    EXPECT_FALSE(std::filesystem::exists(locked));
+}
+
+TEST_F(CliTest, AnotherProcessHoldingTheSupportDirectoryStopsTheCommand) {
+    int ready[2], release[2];
+    ASSERT_EQ(pipe(ready), 0);
+    ASSERT_EQ(pipe(release), 0);
+    pid_t child = fork();
+    if (child == 0) {
+        close(ready[0]);
+        close(release[1]);  // or the read below would never see the end of the pipe
+        auto held = SupportLock::acquire(root / "Support");
+        char byte = held ? 'y' : 'n';
+        if (write(ready[1], &byte, 1) != 1) _exit(1);
+        if (read(release[0], &byte, 1) < 0) _exit(1);  // until the parent closes its end
+        _exit(0);
+    }
+    close(ready[1]);
+    close(release[0]);
+    char byte = 0;
+    ASSERT_EQ(read(ready[0], &byte, 1), 1);
+    ASSERT_EQ(byte, 'y');
+
+    Outcome blocked = run({"list"});
+    EXPECT_EQ(blocked.status, 1);
+    EXPECT_EQ(blocked.out, "");
+    EXPECT_EQ(blocked.err, "Another Corvane is working on " + root / "Support" +
+                               ". Wait for it to finish, then try again.\n");
+
+    close(release[1]);
+    close(ready[0]);
+    waitpid(child, nullptr, 0);
+    EXPECT_EQ(run({"list"}).status, 0) << "the lock goes with the process";
+}
+
+TEST_F(CliTest, InterruptCancelsALockAndLeavesTheOriginal) {
+    for (int i = 0; i < 4; ++i)
+        writeFile(sample + "/part" + std::to_string(i), std::string(50'000'000, char('a' + i)));
+    int input[2], errors[2];
+    ASSERT_EQ(pipe(input), 0);
+    ASSERT_EQ(pipe(errors), 0);
+    pid_t child = fork();
+    if (child == 0) {
+        dup2(input[0], STDIN_FILENO);
+        dup2(errors[1], STDERR_FILENO);
+        close(input[1]);
+        close(errors[0]);
+        execl(CORVANE_PROGRAM, "corvane", "lock", "--password-stdin", sample.c_str(), nullptr);
+        _exit(127);
+    }
+    close(input[0]);
+    close(errors[1]);
+    ASSERT_EQ(write(input[1], "pw\n", 3), 3);
+    close(input[1]);
+
+    std::string err;
+    char buffer[256];
+    for (ssize_t count; err.find("Encrypting") == std::string::npos &&
+                        (count = read(errors[0], buffer, sizeof buffer)) > 0;)
+        err.append(buffer, static_cast<std::size_t>(count));
+    kill(child, SIGINT);
+    for (ssize_t count; (count = read(errors[0], buffer, sizeof buffer)) > 0;)
+        err.append(buffer, static_cast<std::size_t>(count));
+    close(errors[0]);
+    int status = 0;
+    waitpid(child, &status, 0);
+
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << status;
+    EXPECT_TRUE(err.ends_with("Cancelled. Nothing was changed.\n")) << err;
+    EXPECT_EQ(testing::listing(root / "Work"), std::vector<std::string>{"Grüße 日本"});
+    EXPECT_EQ(readFile(sample + "/part3"), std::string(50'000'000, 'd'));
+}
+
+TEST(CliSupportDirectory, FollowsTheEnvironment) {
+    struct Case {
+        std::optional<std::string> override, dataHome;
+        std::string expected;
+        bool isTestOverride;
+    };
+    const Case cases[] = {
+        {"/srv/private", "/data", "/srv/private", true},
+        {"", "/data", "/data/corvane", false},
+        {std::nullopt, "relative/data", "/home/ann/.local/share/corvane", false},
+        {std::nullopt, std::nullopt, "/home/ann/.local/share/corvane", false},
+    };
+    ScopedVariable home("HOME", "/home/ann");
+    for (const auto& [override, dataHome, expected, isTestOverride] : cases) {
+        ScopedVariable supportVariable("CORVANE_SUPPORT_DIR", override);
+        ScopedVariable dataVariable("XDG_DATA_HOME", dataHome);
+        EXPECT_EQ(AppPaths::support(), expected);
+        EXPECT_EQ(AppPaths::isTestOverride(), isTestOverride) << expected;
+    }
+}
+
+}  // namespace
+}  // namespace corvane
