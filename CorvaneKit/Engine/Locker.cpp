@@ -28,13 +28,6 @@ namespace {
     throw std::system_error(error, std::generic_category(), path);
 }
 
-// The extension as file managers see it: after the last dot, but a leading dot starts a name.
-std::string pathExtension(const std::string& name) {
-    auto dot = name.rfind('.');
-    if (dot == std::string::npos || dot == 0) return "";
-    return name.substr(dot + 1);
-}
-
 std::string shortenedBelow(std::string text, std::size_t bytes) {
     while (text.size() >= bytes) text = Characters::droppingLast(text);
     return text;
@@ -224,6 +217,20 @@ std::int64_t Locker::contentLogicalSize(const std::string& mount, LockedItem::Ki
         total += ItemFacts::logicalSize(entry.path());
     }
     return error ? 0 : total;
+}
+
+void Locker::abandon(const std::string& mountPoint, const std::string& work, const Uuid& id) const {
+    try {
+        tool->detach(mountPoint, true);
+    } catch (...) {
+    }
+    rmdir(mountPoint.c_str());
+    std::error_code ignored;
+    std::filesystem::remove_all(work, ignored);
+    try {
+        journal.remove(id);
+    } catch (...) {
+    }
 }
 
 }  // namespace corvane

@@ -108,6 +108,10 @@ private:
     }
     void copy(const std::string& source, const std::string& destination,
               const CancelToken* cancel) const;
+    // Undoes a failed operation before its result was visible: the image is closed by force, the
+    // mount point and the work in progress removed and the journal entry dropped. Each step may
+    // fail on its own; the caller rethrows the first error.
+    void abandon(const std::string& mountPoint, const std::string& work, const Uuid& id) const;
 };
 
 }  // namespace corvane

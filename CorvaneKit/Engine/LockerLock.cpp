@@ -231,19 +231,8 @@ LockedItem Locker::lock(const std::string& path, const std::string& password,
     } catch (const SimulatedCrash&) {
         throw;
     } catch (...) {
-        std::exception_ptr first = std::current_exception();
-        try {
-            tool->detach(mountPoint, true);
-        } catch (...) {
-        }
-        rmdir(mountPoint.c_str());
-        std::error_code ignored;
-        std::filesystem::remove_all(partialURL, ignored);
-        try {
-            journal.remove(id);
-        } catch (...) {
-        }
-        std::rethrow_exception(first);
+        abandon(mountPoint, partialURL, id);
+        throw;
     }
     setHiddenExtension(finalURL);
 

@@ -34,12 +34,6 @@ bool exists(const std::string& path) {
     return lstat(path.c_str(), &status) == 0;
 }
 
-std::string pathExtension(const std::string& name) {
-    auto dot = name.rfind('.');
-    if (dot == std::string::npos || dot == 0) return "";
-    return name.substr(dot + 1);
-}
-
 }  // namespace
 
 std::string Locker::restoreDestination(const std::string& name, const std::string& directory) {
@@ -135,19 +129,8 @@ std::string Locker::removeLock(const std::string& path, const std::string& passw
     } catch (const SimulatedCrash&) {
         throw;
     } catch (...) {
-        std::exception_ptr first = std::current_exception();
-        try {
-            tool->detach(mountPoint, true);
-        } catch (...) {
-        }
-        rmdir(mountPoint.c_str());
-        std::error_code ignored;
-        std::filesystem::remove_all(staging, ignored);
-        try {
-            journal.remove(id);
-        } catch (...) {
-        }
-        std::rethrow_exception(first);
+        abandon(mountPoint, staging, id);
+        throw;
     }
     crashIf(CrashPoint::restoreAfterRename);
 

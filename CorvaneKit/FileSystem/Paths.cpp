@@ -87,6 +87,12 @@ std::vector<std::string> pathComponents(std::string_view path) {
     return components;
 }
 
+std::string pathExtension(std::string_view name) {
+    auto dot = name.rfind('.');
+    if (dot == std::string_view::npos || dot == 0) return "";
+    return std::string(name.substr(dot + 1));
+}
+
 std::string lastPathComponent(std::string_view path) {
     auto components = pathComponents(path);
     return components.size() > 1 ? components.back() : "";

@@ -23,6 +23,10 @@ std::string canonicalPath(std::string_view path);
 // "/" first, then each name: the components of an absolute path.
 std::vector<std::string> pathComponents(std::string_view path);
 
+// The extension as file managers see it: after the last dot, but a leading dot starts a name, so
+// ".env" has none.
+std::string pathExtension(std::string_view name);
+
 // The last component of a path ("" for "/").
 std::string lastPathComponent(std::string_view path);
 
