@@ -89,16 +89,6 @@ TEST(CorvaneError, PlatformSentencesExistInBothWordings) {
     }
 }
 
-TEST(CorvaneError, EqualityComparesCaseAndPayload) {
-    EXPECT_EQ(CorvaneError::inUse({"Mail"}), CorvaneError::inUse({"Mail"}));
-    EXPECT_NE(CorvaneError::inUse({"Mail"}), CorvaneError::inUse({"Preview"}));
-    EXPECT_NE(CorvaneError::finderLocked("A"), CorvaneError::hardLinked("A"));
-    EXPECT_NE(CorvaneError::notEnoughSpace(1, 2), CorvaneError::notEnoughSpace(2, 1));
-    EXPECT_NE(CorvaneError::verificationFailed({{"a", "x"}}),
-              CorvaneError::restoreVerificationFailed({{"a", "x"}}));
-    EXPECT_EQ(CorvaneError::cancelled(), CorvaneError::cancelled());
-}
-
 TEST(CorvaneError, LockedNoticeOnlyWhenLockingSucceeded) {
     auto remains = CorvaneError::lockedButOriginalRemains("Taxes").lockedNotice();
     ASSERT_TRUE(remains);
@@ -145,19 +135,6 @@ TEST(ByteCount, FileSizeStyleInDecimalUnits) {
         {INT64_MIN, "-9223.37 PB"},
     };
     for (const auto& [bytes, text] : rows) EXPECT_EQ(ByteCount::file(bytes), text) << bytes;
-}
-
-TEST(LockRefusal, RawValuesRoundTripInDeclarationOrder) {
-    EXPECT_EQ(LockRefusals::all.size(), 14u);
-    EXPECT_EQ(LockRefusals::all.front(), LockRefusal::doesNotExist);
-    EXPECT_EQ(LockRefusals::all.back(), LockRefusal::shortcut);
-    for (auto refusal : LockRefusals::all) {
-        EXPECT_EQ(LockRefusals::fromRawValue(LockRefusals::rawValue(refusal)), refusal);
-        EXPECT_FALSE(LockRefusals::message(refusal).empty());
-    }
-    EXPECT_EQ(LockRefusals::fromRawValue("insideUnlockedItem"), LockRefusal::insideUnlockedItem);
-    EXPECT_FALSE(LockRefusals::fromRawValue("DoesNotExist"));
-    EXPECT_FALSE(LockRefusals::fromRawValue(""));
 }
 
 TEST(Activity, RunningWorkIsNamedOldestFirst) {

@@ -16,6 +16,7 @@ namespace corvane {
 namespace {
 
 using testing::BackgroundProcess;
+using testing::errorFrom;
 using testing::readFile;
 using testing::TempDir;
 using testing::writeFile;
@@ -42,22 +43,10 @@ protected:
         return mine;
     }
 
-    CorvaneError::Case failure(const std::function<void()>& operation) {
-        try {
-            operation();
-        } catch (const CorvaneError& error) {
-            lastError = error.errorDescription();
-            return error.errorCase();
-        }
-        ADD_FAILURE() << "no CorvaneError";
-        return CorvaneError::Case::notFound;
-    }
-
     TempDir root;
     GocryptfsTool tool;
     std::string image = root / ".corvane-7C2E9D41.partial.sparsebundle";
     std::string mountPoint = root / "Open/Grüße 日本 x";
-    std::string lastError;
 };
 
 TEST_F(GocryptfsToolTest, CreateAttachWriteDetachReadOnly) {
@@ -83,16 +72,16 @@ TEST_F(GocryptfsToolTest, CreateAttachWriteDetachReadOnly) {
 
 TEST_F(GocryptfsToolTest, PasswordsAreCheckedAndChanged) {
     tool.create(image, "Taxes", "first password");
-    EXPECT_EQ(failure([&] { tool.attach(image, mountPoint, "wrong password", false); }),
-              CorvaneError::Case::wrongPassword);
+    EXPECT_EQ(errorFrom([&] { tool.attach(image, mountPoint, "wrong password", false); }),
+              CorvaneError::wrongPassword());
     EXPECT_TRUE(attachedHere().empty());
 
     writeFile(image + "/gocryptfs.conf.tmp", "left by an interrupted change");
     tool.changePassword(image, "first password", "second password");
-    EXPECT_EQ(failure([&] { tool.changePassword(image, "first password", "third"); }),
-              CorvaneError::Case::wrongPassword);
-    EXPECT_EQ(failure([&] { tool.attach(image, mountPoint, "first password", false); }),
-              CorvaneError::Case::wrongPassword);
+    EXPECT_EQ(errorFrom([&] { tool.changePassword(image, "first password", "third"); }),
+              CorvaneError::wrongPassword());
+    EXPECT_EQ(errorFrom([&] { tool.attach(image, mountPoint, "first password", false); }),
+              CorvaneError::wrongPassword());
     tool.attach(image, mountPoint, "second password", false);
     tool.detach(mountPoint, false);
 }
@@ -106,9 +95,8 @@ TEST_F(GocryptfsToolTest, PasswordsItCannotTakeAreRefusedBeforeAnythingIsMade) {
         {std::string(2049, 'x'), "a password cannot be longer than 2048 bytes."},
     };
     for (const auto& [password, problem] : rows) {
-        EXPECT_EQ(failure([&] { tool.create(image, "Taxes", password); }),
-                  CorvaneError::Case::diskImage);
-        EXPECT_EQ(lastError, "The system could not open the locked item: " + problem);
+        EXPECT_EQ(errorFrom([&] { tool.create(image, "Taxes", password); }),
+                  CorvaneError::diskImage(problem));
         EXPECT_FALSE(std::filesystem::exists(image)) << problem;
     }
     tool.create(image, "Taxes", std::string(2048, 'x'));
@@ -142,8 +130,7 @@ TEST_F(GocryptfsToolTest, BusyVolumeNamesTheWriterAfterThreeTries) {
         {"/bin/sh", "-c", "exec 3>>\"$1\"; exec /bin/sleep 60", "sh", mountPoint + "/draft.txt"});
     ASSERT_TRUE(writer.waitUntilHolding(mountPoint + "/draft.txt"));
 
-    EXPECT_EQ(failure([&] { tool.detach(mountPoint, false); }), CorvaneError::Case::inUse);
-    EXPECT_EQ(lastError, "Files are still open in sleep. Close them, then try again.");
+    EXPECT_EQ(errorFrom([&] { tool.detach(mountPoint, false); }), CorvaneError::inUse({"sleep"}));
     EXPECT_EQ(attachedHere().size(), 1u) << "still attached";
 }
 
@@ -157,9 +144,8 @@ TEST_F(GocryptfsToolTest, OnlySystemIndexersAreEjectedByForce) {
                               mountPoint + "/photo.jpg", root / "tracker-miner-fs-3"});
     ASSERT_TRUE(reader.waitUntilHolding(mountPoint + "/photo.jpg"));
 
-    EXPECT_EQ(failure([&] { tool.detach(mountPoint, false); }), CorvaneError::Case::inUse)
-        << "its program lies in a temporary folder";
-    EXPECT_EQ(lastError, "Some files are still open. Close them, then try again.");
+    EXPECT_EQ(errorFrom([&] { tool.detach(mountPoint, false); }), CorvaneError::inUse({}))
+        << "its program lies in a temporary folder, and allow-listed names are not named";
 
     tool.executablePathOf = [](pid_t) -> std::optional<std::string> {
         return "/usr/libexec/tracker-miner-fs-3";

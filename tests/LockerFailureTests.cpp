@@ -18,6 +18,7 @@
 #include "FileSystem/Paths.h"
 #include "FileSystem/ProcessRunner.h"
 #include "FileSystem/TreeVerifier.h"
+#include "LockerFixture.h"
 #include "Records/CorvaneError.h"
 #include "TestSupport.h"
 
@@ -25,6 +26,7 @@ namespace corvane {
 namespace {
 
 using testing::BackgroundProcess;
+using testing::errorFrom;
 using testing::listing;
 using testing::readFile;
 using testing::TempDir;
@@ -43,15 +45,6 @@ Names changedPaths(Locker::Snapshot before, const Locker::Snapshot& after) {
     return changed;
 }
 
-std::optional<CorvaneError> errorFrom(const std::function<void()>& operation) {
-    try {
-        operation();
-    } catch (const CorvaneError& error) {
-        return error;
-    }
-    return std::nullopt;
-}
-
 // A shell that opens `path` for appending and becomes sleep, so the writer lsof sees is "sleep".
 std::unique_ptr<BackgroundProcess> holdForWriting(const std::string& path) {
     auto writer = std::make_unique<BackgroundProcess>(std::vector<std::string>{
@@ -60,44 +53,13 @@ std::unique_ptr<BackgroundProcess> holdForWriting(const std::string& path) {
     return writer;
 }
 
-class LockerFailureTest : public ::testing::Test {
+class LockerFailureTest : public testing::LockerFixture {
 public:
-    void SetUp() override {
-        std::filesystem::create_directories(home);
-        makeSample(home + "/Taxes");
-        std::filesystem::create_directories(pristine);
-        ProcessRunner::run("/bin/cp", {"-a", home + "/Taxes", pristine + "/Taxes"});
-    }
-
     void TearDown() override {
         writer.reset();
-        for (const auto& image : ourMounts())
-            ProcessRunner::run("/usr/bin/fusermount3", {"-u", "-z", image.mountPoint});
+        LockerFixture::TearDown();
         for (const auto& path : marked) ProcessRunner::run("/usr/bin/chattr", {"-i", "-a", path});
         if (smallDisk) umount2(home.c_str(), MNT_DETACH);
-    }
-
-    static void makeSample(const std::string& folder) {
-        writeFile(folder + "/2024/scan é.pdf", std::string(300000, 'p'));
-        writeFile(folder + "/2024/deep/empty.txt", "");
-        writeFile(folder + "/notes 日本.txt", "notes");
-        symlink("2024/scan é.pdf", (folder + "/latest").c_str());
-    }
-
-    Locker makeLocker() {
-        return Locker(support, home, std::nullopt, std::make_shared<GocryptfsTool>());
-    }
-
-    bool sameAsPristine(const std::string& restored) {
-        return TreeVerifier::compare(pristine + "/Taxes", restored, {}).empty();
-    }
-
-    // Images attached by this test; other test processes mount their own meanwhile.
-    std::vector<AttachedImage> ourMounts() const {
-        std::vector<AttachedImage> ours;
-        for (const auto& image : GocryptfsTool().attachedImages())
-            if (image.mountPoint.starts_with(root.path() + "/")) ours.push_back(image);
-        return ours;
     }
 
     // Sets a chattr mark, cleared again at the end; false where the file system has none.
@@ -126,10 +88,6 @@ public:
         EXPECT_EQ(locker.index.load(), records);
     }
 
-    TempDir root;
-    std::string home = root / "home";
-    std::string support = root / "support";
-    std::string pristine = root / "pristine";
     std::unique_ptr<BackgroundProcess> writer;
     std::vector<std::string> marked;
     bool smallDisk = false;

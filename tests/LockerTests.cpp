@@ -10,6 +10,7 @@
 #include "FileSystem/GocryptfsTool.h"
 #include "FileSystem/ProcessRunner.h"
 #include "FileSystem/TreeVerifier.h"
+#include "LockerFixture.h"
 #include "Records/CorvaneError.h"
 #include "TestSupport.h"
 
@@ -25,63 +26,18 @@ using Names = std::vector<std::string>;
 
 const std::string kPassword = "locker test password";
 
-class LockerTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        std::filesystem::create_directories(home);
-        makeSample(home + "/Taxes");
-        std::filesystem::create_directories(pristine);
-        ProcessRunner::run("/bin/cp", {"-a", home + "/Taxes", pristine + "/Taxes"});
-    }
-
-    void TearDown() override {
-        for (const auto& image : GocryptfsTool().attachedImages())
-            if (image.mountPoint.starts_with(root.path() + "/"))
-                ProcessRunner::run("/usr/bin/fusermount3", {"-u", "-z", image.mountPoint});
-    }
-
-    static void makeSample(const std::string& folder) {
-        writeFile(folder + "/2024/scan é.pdf", std::string(300000, 'p'));
-        writeFile(folder + "/2024/deep/empty.txt", "");
-        writeFile(folder + "/notes 日本.txt", "notes");
-        symlink("2024/scan é.pdf", (folder + "/latest").c_str());
-    }
-
-    Locker makeLocker() { return Locker(support, home, std::nullopt, std::make_shared<GocryptfsTool>()); }
-
-    bool sameAsPristine(const std::string& restored) {
-        return TreeVerifier::compare(pristine + "/Taxes", restored, {}).empty();
-    }
-
-    CorvaneError::Case failure(const std::function<void()>& operation) {
-        try {
-            operation();
-        } catch (const CorvaneError& error) {
-            lastError = error.errorDescription();
-            return error.errorCase();
-        }
-        ADD_FAILURE() << "no CorvaneError";
-        return CorvaneError::Case::notFound;
-    }
-
-    // What the folder holding the item shows, hidden intermediate names included.
-    Names homeListing() { return listing(home); }
-
-    TempDir root;
-    std::string home = root / "home";
-    std::string support = root / "support";
-    std::string pristine = root / "pristine";
-    std::string lastError;
-};
+using LockerTest = testing::LockerFixture;
 
 TEST_F(LockerTest, FolderLocksOpensClosesAndRestoresIdentical) {
     Locker locker = makeLocker();
     std::vector<LockStep> steps;
-    LockedItem item = locker.lock(home + "/Taxes", kPassword, 1, nullptr, [&](LockStep s) { steps.push_back(s); });
+    LockedItem item = locker.lock(home + "/Taxes", kPassword, 1, nullptr,
+                                  [&](LockStep s) { steps.push_back(s); });
 
-    EXPECT_EQ(steps, (std::vector<LockStep>{LockStep::preparing, LockStep::encrypting, LockStep::verifying,
-                                            LockStep::removingOriginal, LockStep::finishing}));
-    EXPECT_EQ(homeListing(), Names{"Taxes.corvlock"});
+    EXPECT_EQ(steps,
+              (std::vector<LockStep>{LockStep::preparing, LockStep::encrypting, LockStep::verifying,
+                                     LockStep::removingOriginal, LockStep::finishing}));
+    EXPECT_EQ(listing(home), Names{"Taxes.corvlock"});
     EXPECT_EQ(item.lastKnownPath, home + "/Taxes.corvlock");
     EXPECT_EQ(item.stage, LockedItem::Stage::complete);
     EXPECT_EQ(item.contentSize, 300005);
@@ -93,18 +49,19 @@ TEST_F(LockerTest, FolderLocksOpensClosesAndRestoresIdentical) {
     EXPECT_EQ(open.name, "Taxes");
     EXPECT_EQ(readFile(open.contentURL() + "/notes 日本.txt"), "notes");
     EXPECT_EQ(locker.openItems(), std::vector<OpenItem>{open});
-    EXPECT_EQ(locker.unlock(item.lastKnownPath, kPassword), open) << "opening an open item changes nothing";
+    EXPECT_EQ(locker.unlock(item.lastKnownPath, kPassword), open)
+        << "opening an open item changes nothing";
     locker.relock(open, false);
     EXPECT_TRUE(locker.openItems().empty());
     EXPECT_FALSE(std::filesystem::exists(open.mountPoint));
 
     steps.clear();
-    std::string restored =
-        locker.removeLock(item.lastKnownPath, kPassword, nullptr, [&](LockStep s) { steps.push_back(s); });
+    std::string restored = locker.removeLock(item.lastKnownPath, kPassword, nullptr,
+                                             [&](LockStep s) { steps.push_back(s); });
     EXPECT_EQ(restored, home + "/Taxes");
     EXPECT_EQ(steps, (std::vector<LockStep>{LockStep::restoring, LockStep::finishing}));
     EXPECT_TRUE(sameAsPristine(restored));
-    EXPECT_EQ(homeListing(), Names{"Taxes"});
+    EXPECT_EQ(listing(home), Names{"Taxes"});
     EXPECT_TRUE(locker.index.load().empty());
     EXPECT_TRUE(locker.journal.load().empty());
 }

@@ -14,9 +14,12 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <vector>
+
+#include "Records/CorvaneError.h"
 
 namespace corvane::testing {
 
@@ -100,6 +103,16 @@ inline bool passesAsUnprivilegedUser(const std::function<bool()>& check) {
     int status = 0;
     waitpid(child, &status, 0);
     return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+// The CorvaneError an operation ends with, or nothing when it succeeds.
+inline std::optional<CorvaneError> errorFrom(const std::function<void()>& operation) {
+    try {
+        operation();
+    } catch (const CorvaneError& error) {
+        return error;
+    }
+    return std::nullopt;
 }
 
 // A program left running in the background for the length of a test; ended and reaped at the end.

@@ -207,6 +207,15 @@ std::string Locker::itemName(const std::optional<ItemMarker>& marker,
     return "Corvane item";
 }
 
+Locker::VolumeContents Locker::contentsOf(const std::string& mountPoint,
+                                          const std::optional<LockedItem>& record,
+                                          const std::string& locked) {
+    auto marker = ItemMarker::read(mountPoint);
+    return {itemName(marker, record, locked), marker   ? marker->kind
+                                              : record ? record->kind
+                                                       : LockedItem::Kind::folder};
+}
+
 std::int64_t Locker::contentLogicalSize(const std::string& mount, LockedItem::Kind kind,
                                         const std::string& name) {
     if (kind == LockedItem::Kind::file) return ItemFacts::logicalSize(mount + "/" + name);

@@ -79,6 +79,15 @@ public:
 
     static std::string itemName(const std::optional<ItemMarker>& marker,
                                 const std::optional<LockedItem>& record, const std::string& locked);
+    // What an attached image holds, from its marker, else the record, else the locked item's name.
+    struct VolumeContents {
+        std::string name;
+        LockedItem::Kind kind;
+    };
+    static VolumeContents contentsOf(const std::string& mountPoint,
+                                     const std::optional<LockedItem>& record,
+                                     const std::string& locked);
+
     static std::int64_t contentLogicalSize(const std::string& mount, LockedItem::Kind kind,
                                            const std::string& name);
     static Snapshot metadataSnapshot(const std::string& path);

@@ -31,11 +31,7 @@ OpenItem Locker::unlock(const std::string& path, const std::string& password) {
     makeMountPoint(mountPoint);
     tool->attach(path, mountPoint, password, false);
 
-    auto marker = ItemMarker::read(mountPoint);
-    std::string name = itemName(marker, record, path);
-    LockedItem::Kind kind = marker   ? marker->kind
-                            : record ? record->kind
-                                     : LockedItem::Kind::folder;
+    auto [name, kind] = contentsOf(mountPoint, record, path);
     if (!record) {
         index.upsert(LockedItem{id, name, kind, Locator::make(path), path,
                                 DateFormat::roundedToSecond(std::chrono::system_clock::now()), 0,
@@ -62,10 +58,9 @@ std::vector<OpenItem> Locker::openItems() const {
             return each.id.string() == idText;
         });
         if (item == items.end()) continue;
-        auto marker = ItemMarker::read(mountPoint);
         std::string lockedURL = ItemIndex::locate(*item).value_or(image.imagePath);
-        open.push_back(OpenItem{item->id, lockedURL, mountPoint, marker ? marker->kind : item->kind,
-                                itemName(marker, *item, lockedURL)});
+        auto [name, kind] = contentsOf(mountPoint, *item, lockedURL);
+        open.push_back(OpenItem{item->id, lockedURL, mountPoint, kind, name});
     }
     return open;
 }

@@ -78,11 +78,7 @@ std::string Locker::removeLock(const std::string& path, const std::string& passw
     try {
         makeMountPoint(mountPoint);
         tool->attach(locked, mountPoint, password, true);
-        auto marker = ItemMarker::read(mountPoint);
-        std::string name = itemName(marker, record, locked);
-        LockedItem::Kind kind = marker   ? marker->kind
-                                : record ? record->kind
-                                         : LockedItem::Kind::folder;
+        auto [name, kind] = contentsOf(mountPoint, record, locked);
         std::string content =
             kind == LockedItem::Kind::folder ? mountPoint : mountPoint + "/" + name;
 

@@ -1,0 +1,61 @@
+// A home folder holding a sample folder "Taxes" (nested folders, an empty file, a link, non-Latin
+// names) with a pristine copy beside it, and an engine working on a private support directory.
+// Whatever a test leaves attached under its folder is detached at the end.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include "Engine/Locker.h"
+#include "FileSystem/GocryptfsTool.h"
+#include "FileSystem/ProcessRunner.h"
+#include "FileSystem/TreeVerifier.h"
+#include "TestSupport.h"
+
+namespace corvane::testing {
+
+class LockerFixture : public ::testing::Test {
+public:
+    void SetUp() override {
+        std::filesystem::create_directories(home);
+        makeSample(home + "/Taxes");
+        std::filesystem::create_directories(pristine);
+        ProcessRunner::run("/bin/cp", {"-a", home + "/Taxes", pristine + "/Taxes"});
+    }
+
+    void TearDown() override {
+        for (const auto& image : ourMounts())
+            ProcessRunner::run("/usr/bin/fusermount3", {"-u", "-z", image.mountPoint});
+    }
+
+    static void makeSample(const std::string& folder) {
+        writeFile(folder + "/2024/scan é.pdf", std::string(300000, 'p'));
+        writeFile(folder + "/2024/deep/empty.txt", "");
+        writeFile(folder + "/notes 日本.txt", "notes");
+        symlink("2024/scan é.pdf", (folder + "/latest").c_str());
+    }
+
+    Locker makeLocker() const {
+        return Locker(support, home, std::nullopt, std::make_shared<GocryptfsTool>());
+    }
+
+    bool sameAsPristine(const std::string& restored) const {
+        return TreeVerifier::compare(pristine + "/Taxes", restored, {}).empty();
+    }
+
+    // Images attached by this test; other test processes mount their own meanwhile.
+    std::vector<AttachedImage> ourMounts() const {
+        std::vector<AttachedImage> ours;
+        for (const auto& image : GocryptfsTool().attachedImages())
+            if (image.mountPoint.starts_with(root.path() + "/")) ours.push_back(image);
+        return ours;
+    }
+
+    TempDir root;
+    std::string home = root / "home";
+    std::string support = root / "support";
+    std::string pristine = root / "pristine";
+};
+
+}  // namespace corvane::testing
