@@ -2,9 +2,9 @@
 #include "Arguments.h"
 #include "Commands.h"
 #include "FailureMessage.h"
-#include "FileSystem/Paths.h"
 #include "ProgressReporter.h"
 #include "Records/CorvaneError.h"
+#include "Records/Paths.h"
 #include "UsageError.h"
 
 namespace corvane::cli {

@@ -5,7 +5,7 @@
 #include "Arguments.h"
 #include "Commands.h"
 #include "FailureMessage.h"
-#include "FileSystem/Paths.h"
+#include "Records/Paths.h"
 #include "UsageError.h"
 
 namespace corvane::cli {

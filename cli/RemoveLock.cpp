@@ -5,8 +5,8 @@
 
 #include "Arguments.h"
 #include "Commands.h"
-#include "FileSystem/Paths.h"
 #include "ProgressReporter.h"
+#include "Records/Paths.h"
 #include "UsageError.h"
 
 namespace corvane::cli {

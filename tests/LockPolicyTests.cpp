@@ -7,7 +7,7 @@
 #include "FileSystem/ItemFacts.h"
 #include "FileSystem/LockPolicy.h"
 #include "FileSystem/MountTable.h"
-#include "FileSystem/Paths.h"
+#include "Records/Paths.h"
 #include "TestSupport.h"
 
 namespace corvane {

@@ -15,11 +15,11 @@
 #include "Engine/Locker.h"
 #include "FileSystem/GocryptfsTool.h"
 #include "FileSystem/ItemFacts.h"
-#include "FileSystem/Paths.h"
 #include "FileSystem/ProcessRunner.h"
 #include "FileSystem/TreeVerifier.h"
 #include "LockerFixture.h"
 #include "Records/CorvaneError.h"
+#include "Records/Paths.h"
 #include "TestSupport.h"
 
 namespace corvane {

@@ -15,10 +15,10 @@
 #include "FileSystem/ExtensionTypes.h"
 #include "FileSystem/FileWalk.h"
 #include "FileSystem/ItemFacts.h"
-#include "FileSystem/Paths.h"
 #include "FileSystem/VolumeLayout.h"
 #include "Records/Characters.h"
 #include "Records/JSONCodec.h"
+#include "Records/Paths.h"
 
 namespace corvane {
 

@@ -17,7 +17,6 @@
 #include "FileSystem/FileWalk.h"
 #include "FileSystem/ItemFacts.h"
 #include "FileSystem/OpenFiles.h"
-#include "FileSystem/Paths.h"
 #include "FileSystem/ProcessRunner.h"
 #include "FileSystem/ThumbnailScrubber.h"
 #include "FileSystem/TreeVerifier.h"
@@ -25,6 +24,7 @@
 #include "Records/CorvaneError.h"
 #include "Records/FatalError.h"
 #include "Records/Locator.h"
+#include "Records/Paths.h"
 
 namespace corvane {
 

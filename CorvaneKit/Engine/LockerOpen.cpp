@@ -7,9 +7,9 @@
 #include <chrono>
 
 #include "Engine/Locker.h"
-#include "FileSystem/Paths.h"
 #include "Records/CorvaneError.h"
 #include "Records/Locator.h"
+#include "Records/Paths.h"
 
 namespace corvane {
 

@@ -19,11 +19,11 @@
 #include "Engine/Locker.h"
 #include "FileSystem/DiskImageTool.h"
 #include "FileSystem/ItemFacts.h"
-#include "FileSystem/Paths.h"
 #include "FileSystem/ProcessRunner.h"
 #include "FileSystem/TreeVerifier.h"
 #include "FileSystem/VolumeLayout.h"
 #include "Records/CorvaneError.h"
+#include "Records/Paths.h"
 
 namespace corvane {
 

@@ -3,7 +3,7 @@
 #include <sys/stat.h>
 
 #include "FileSystem/FileWalk.h"
-#include "FileSystem/Paths.h"
+#include "Records/Paths.h"
 
 namespace corvane {
 

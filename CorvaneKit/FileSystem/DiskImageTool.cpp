@@ -5,10 +5,10 @@
 
 #include <plist/plist.h>
 
-#include "FileSystem/Paths.h"
 #include "FileSystem/ProcessRunner.h"
 #include "Records/CorvaneError.h"
 #include "Records/FatalError.h"
+#include "Records/Paths.h"
 
 namespace corvane {
 

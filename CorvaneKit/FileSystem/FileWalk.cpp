@@ -5,7 +5,7 @@
 #include <cerrno>
 #include <memory>
 
-#include "FileSystem/Paths.h"
+#include "Records/Paths.h"
 #include "Records/UTF8.h"
 
 namespace corvane {

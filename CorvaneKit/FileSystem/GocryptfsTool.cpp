@@ -17,9 +17,9 @@
 #include <thread>
 
 #include "FileSystem/MountTable.h"
-#include "FileSystem/Paths.h"
 #include "FileSystem/ProcessRunner.h"
 #include "Records/CorvaneError.h"
+#include "Records/Paths.h"
 
 namespace corvane {
 

@@ -7,8 +7,8 @@
 #include "FileSystem/FileWalk.h"
 #include "FileSystem/LinuxDesktop.h"
 #include "FileSystem/MountTable.h"
-#include "FileSystem/Paths.h"
 #include "Records/FatalError.h"
+#include "Records/Paths.h"
 
 namespace corvane {
 

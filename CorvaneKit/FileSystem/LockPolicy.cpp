@@ -6,8 +6,8 @@
 #include <unicode/unistr.h>
 
 #include "FileSystem/LinuxDesktop.h"
-#include "FileSystem/Paths.h"
 #include "FileSystem/UserDirectories.h"
+#include "Records/Paths.h"
 
 namespace corvane {
 

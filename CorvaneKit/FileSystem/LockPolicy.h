@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "FileSystem/ItemFacts.h"
-#include "FileSystem/LockRefusal.h"
+#include "Records/LockRefusal.h"
 
 namespace corvane {
 

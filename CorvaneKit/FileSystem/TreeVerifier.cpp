@@ -15,8 +15,8 @@
 #include <openssl/evp.h>
 
 #include "FileSystem/FileWalk.h"
-#include "FileSystem/Paths.h"
 #include "Records/CorvaneError.h"
+#include "Records/Paths.h"
 
 namespace corvane {
 

@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "FileSystem/CancelToken.h"
-#include "FileSystem/TreeMismatch.h"
+#include "Records/TreeMismatch.h"
 
 namespace corvane {
 

@@ -5,7 +5,7 @@
 #include <optional>
 
 #include "FileSystem/LinuxDesktop.h"
-#include "FileSystem/Paths.h"
+#include "Records/Paths.h"
 
 namespace corvane {
 

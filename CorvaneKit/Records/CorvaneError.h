@@ -9,8 +9,8 @@
 #include <variant>
 #include <vector>
 
-#include "FileSystem/LockRefusal.h"
-#include "FileSystem/TreeMismatch.h"
+#include "Records/LockRefusal.h"
+#include "Records/TreeMismatch.h"
 #include "Records/Wording.h"
 
 namespace corvane {

@@ -4,9 +4,9 @@
 
 #include <algorithm>
 
-#include "FileSystem/Paths.h"
 #include "Records/JSONCodec.h"
 #include "Records/Locator.h"
+#include "Records/Paths.h"
 
 namespace corvane {
 

@@ -1,4 +1,4 @@
-#include "FileSystem/LockRefusal.h"
+#include "Records/LockRefusal.h"
 
 namespace corvane {
 

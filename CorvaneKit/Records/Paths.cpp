@@ -1,4 +1,4 @@
-#include "FileSystem/Paths.h"
+#include "Records/Paths.h"
 
 #include <unistd.h>
 
