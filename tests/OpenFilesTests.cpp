@@ -1,6 +1,10 @@
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <memory>
 
 #include "FileSystem/CloudFiles.h"
 #include "FileSystem/OpenFiles.h"
@@ -101,6 +105,95 @@ TEST(OpenFiles, RealHoldersSeenByLsof) {
     EXPECT_EQ(OpenFiles::holders(root / "missing", 10), Holders::known({}));
     EXPECT_EQ(OpenFiles::holders(root / "Work", 10, root / "no-lsof"), Holders::unknown());
     EXPECT_FALSE(OpenFiles::executablePath(999999999));
+}
+
+// Maps a file through libc and closes it, so the mapping is all that holds the file (Python's own
+// mmap keeps a duplicate descriptor open).
+constexpr const char* kMapper = R"(
+import ctypes, mmap, os, sys, time
+libc = ctypes.CDLL(None)
+libc.mmap.restype = ctypes.c_void_p
+libc.mmap.argtypes = [ctypes.c_void_p, ctypes.c_size_t, ctypes.c_int, ctypes.c_int, ctypes.c_int,
+                      ctypes.c_long]
+fd = os.open(sys.argv[1], os.O_RDWR)
+sharing = mmap.MAP_SHARED if sys.argv[2] == "shared" else mmap.MAP_PRIVATE
+if libc.mmap(None, 4096, mmap.PROT_READ | mmap.PROT_WRITE, sharing, fd, 0) in (None, 2**64 - 1):
+    sys.exit(1)
+os.close(fd)
+open(sys.argv[3], "w").close()
+time.sleep(60)
+)";
+
+TEST(OpenFiles, ProcScanSeesWhatLsofSees) {
+    TempDir root;
+    const std::string item = root / "x/a";
+    for (const char* name : {"w.txt", "r.txt", "gone.txt", "map\nshared", "private"})
+        writeFile(item + "/" + name, std::string(4096, 'x'));
+    std::filesystem::create_directories(item + "/sub");
+    writeFile(root / "x/ab/w.txt", "not inside");
+    writeFile(item + " (deleted)", "a sibling, not inside");
+
+    struct Row {
+        std::string what, command;
+        std::unique_ptr<BackgroundProcess> process;
+        bool holds, isWriter;
+    };
+    auto shell = [](const std::string& script, const std::string& argument) {
+        return std::make_unique<BackgroundProcess>(std::vector<std::string>{
+            "/bin/sh", "-c", script + "; exec /bin/sleep 60", "sh", argument});
+    };
+    auto mapper = [&](const std::string& file, const std::string& sharing) {
+        return std::make_unique<BackgroundProcess>(std::vector<std::string>{
+            "/usr/bin/python3", "-c", kMapper, file, sharing, root / ("ready-" + sharing)});
+    };
+    Row rows[] = {
+        {"appends", "sleep", shell("exec 3>>\"$1\"", item + "/w.txt"), true, true},
+        {"reads", "sleep", shell("exec 3<\"$1\"", item + "/r.txt"), true, false},
+        {"works inside", "sleep", shell("cd \"$1\"", item + "/sub"), true, false},
+        {"shared", "python3", mapper(item + "/map\nshared", "shared"), true, true},
+        {"private", "python3", mapper(item + "/private", "private"), true, false},
+        {"updates a deleted file", "sleep", shell("exec 3<>\"$1\"; rm \"$1\"", item + "/gone.txt"),
+         true, true},
+        {"same prefix", "sleep", shell("exec 3>>\"$1\"", root / "x/ab/w.txt"), false, false},
+        {"named deleted", "sleep", shell("exec 3<\"$1\"", item + " (deleted)"), false, false},
+    };
+    // A shell's set-up is done once it has become sleep; a mapper says so with a file.
+    auto ready = [&](const Row& row) {
+        if (row.command == "python3") return std::filesystem::exists(root / ("ready-" + row.what));
+        return testing::readFile("/proc/" + std::to_string(row.process->pid()) + "/comm") ==
+               "sleep\n";
+    };
+    std::vector<Holder> expected;
+    for (const auto& row : rows) {
+        for (int waited = 0; !ready(row) && waited < 3000; ++waited) usleep(10000);
+        ASSERT_TRUE(ready(row)) << row.what;
+        if (row.holds) expected.push_back({row.command, row.isWriter, row.process->pid()});
+    }
+    std::sort(expected.begin(), expected.end(),
+              [](const Holder& a, const Holder& b) { return a.pid < b.pid; });
+
+    Holders fromProc = OpenFiles::holdersFromProc(item);
+    EXPECT_EQ(fromProc, Holders::known(expected));
+    EXPECT_EQ(OpenFiles::holdersFromProc(item + "/map\nshared"),
+              Holders::known({{"python3", true, rows[3].process->pid()}}))
+        << "a line feed in the path, as the mapping list writes it";
+    EXPECT_EQ(OpenFiles::holdersFromProc(item + "/gone.txt"),
+              Holders::known({{"sleep", true, rows[5].process->pid()}}));
+    EXPECT_EQ(OpenFiles::holdersFromProc(root / "x/ab"),
+              Holders::known({{"sleep", true, rows[6].process->pid()}}));
+
+    // lsof shows no access mode for a mapping, and walking the folder cannot find an unlinked file.
+    std::vector<Holder> lsofView;
+    for (Holder holder : fromProc.list) {
+        if (holder.pid == rows[5].process->pid()) continue;
+        if (holder.pid == rows[3].process->pid()) holder.isWriter = false;
+        lsofView.push_back(holder);
+    }
+    EXPECT_EQ(OpenFiles::holders(item, 10), Holders::known(lsofView));
+
+    EXPECT_EQ(OpenFiles::holdersFromProc(item, root / "x/ab"), Holders::unknown())
+        << "a process table without this process";
+    EXPECT_EQ(OpenFiles::holdersFromProc(item, root / "missing"), Holders::unknown());
 }
 
 TEST(CloudFiles, PlaceholdersAreTheOnlyFilesToDownload) {

@@ -1,12 +1,16 @@
 #include "FileSystem/OpenFiles.h"
 
+#include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <charconv>
 #include <map>
+#include <string_view>
 
 #include "FileSystem/LinuxDesktop.h"
 #include "FileSystem/ProcessRunner.h"
@@ -30,6 +34,150 @@ std::vector<Holder> filtered(const std::vector<Holder>& list, bool (*keep)(const
     return kept;
 }
 
+constexpr std::string_view kDeletedSuffix = " (deleted)";
+
+// Whether a name that /proc shows lies at or below the path asked about (raw bytes). The kernel
+// appends " (deleted)" to an unlinked entry's name; that changes the answer for the path itself
+// only, and only when no live entry bears the longer name.
+class HeldNameMatcher {
+public:
+    explicit HeldNameMatcher(const std::string& path) : path_(path), mappedPath_(path) {
+        for (std::size_t at = 0; (at = mappedPath_.find('\n', at)) != std::string::npos; at += 4)
+            mappedPath_.replace(at, 1, "\\012");  // how the mapping list writes a line feed
+        struct stat ignored {};
+        longerNameExists_ = lstat((path + std::string(kDeletedSuffix)).c_str(), &ignored) == 0;
+    }
+
+    bool linkMatches(std::string_view link) const { return matches(link, path_); }
+    bool mappingMatches(std::string_view name) const { return matches(name, mappedPath_); }
+
+private:
+    bool matches(std::string_view shown, std::string_view base) const {
+        if (!shown.starts_with(base)) return false;
+        if (shown.size() == base.size() || base.back() == '/' || shown[base.size()] == '/')
+            return true;
+        return !longerNameExists_ && shown.substr(base.size()) == kDeletedSuffix;
+    }
+
+    std::string path_, mappedPath_;
+    bool longerNameExists_ = false;
+};
+
+struct Holding {
+    bool holds = false;
+    bool writes = false;
+};
+
+// Up to `limit` bytes of a file in `folder`, or nothing when it cannot be opened or read.
+std::optional<std::string> readSmallFile(int folder, const char* name, std::size_t limit) {
+    int fd = openat(folder, name, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+    if (fd < 0) return std::nullopt;
+    std::string text(limit, '\0');
+    std::size_t filled = 0;
+    bool failed = false;
+    while (filled < limit) {
+        ssize_t count = read(fd, text.data() + filled, limit - filled);
+        if (count < 0 && errno == EINTR) continue;
+        failed = count < 0;
+        if (count <= 0) break;
+        filled += static_cast<std::size_t>(count);
+    }
+    close(fd);
+    if (failed) return std::nullopt;
+    text.resize(filled);
+    return text;
+}
+
+// From the "flags:" line of /proc/PID/fdinfo/FD (octal), as lsof's "w" and "u".
+bool openedForWriting(int processFolder, const char* descriptor) {
+    auto info = readSmallFile(processFolder, ("fdinfo/" + std::string(descriptor)).c_str(), 4096);
+    if (!info) return false;
+    std::size_t at = info->starts_with("flags:") ? 0 : info->find("\nflags:");
+    if (at == std::string::npos) return false;
+    at = info->find_first_not_of(" \t", info->find(':', at) + 1);
+    if (at == std::string::npos) return false;
+    unsigned flags = 0;
+    auto [last, error] = std::from_chars(info->data() + at, info->data() + info->size(), flags, 8);
+    if (error != std::errc()) return false;
+    int mode = static_cast<int>(flags) & O_ACCMODE;
+    return mode == O_WRONLY || mode == O_RDWR;
+}
+
+// One line of /proc/PID/maps: "start-end perms offset device inode", padding, then the name.
+void considerMapping(std::string_view line, const HeldNameMatcher& matcher, Holding& holding) {
+    std::string_view permissions;
+    for (int field = 0; field < 5; ++field) {
+        std::size_t space = line.find(' ');
+        if (space == std::string_view::npos) return;  // anonymous: no name follows
+        if (field == 1) permissions = line.substr(0, space);
+        line.remove_prefix(space + 1);
+    }
+    std::size_t name = line.find_first_not_of(' ');
+    if (name == std::string_view::npos || !matcher.mappingMatches(line.substr(name))) return;
+    holding.holds = true;
+    if (permissions.size() >= 4 && permissions[1] == 'w' && permissions[3] == 's')
+        holding.writes = true;  // stores reach the file
+}
+
+void scanMappings(int processFolder, const HeldNameMatcher& matcher, Holding& holding) {
+    int fd = openat(processFolder, "maps", O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+    if (fd < 0) return;
+    constexpr std::size_t kChunk = 64 * 1024;
+    std::string pending;
+    while (!holding.writes) {
+        std::size_t kept = pending.size();
+        pending.resize(kept + kChunk);
+        ssize_t count = read(fd, pending.data() + kept, kChunk);
+        if (count < 0 && errno == EINTR)
+            count = 0;
+        else if (count <= 0)
+            count = -1;  // the end, or the process is gone
+        pending.resize(kept + static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+        std::size_t start = 0;
+        for (std::size_t end; (end = pending.find('\n', start)) != std::string::npos;
+             start = end + 1)
+            considerMapping(std::string_view(pending).substr(start, end - start), matcher, holding);
+        pending.erase(0, start);
+        if (count < 0) {
+            if (!pending.empty()) considerMapping(pending, matcher, holding);
+            break;
+        }
+    }
+    close(fd);
+}
+
+Holding holdingOf(int processFolder, const HeldNameMatcher& matcher) {
+    Holding holding;
+    char target[8192];
+    auto pointsInside = [&](int folder, const char* name) {
+        ssize_t length = readlinkat(folder, name, target, sizeof target);
+        return length > 0 &&
+               matcher.linkMatches(std::string_view(target, static_cast<std::size_t>(length)));
+    };
+    for (const char* name : {"cwd", "root", "exe"})
+        if (pointsInside(processFolder, name)) holding.holds = true;
+
+    int descriptors = openat(processFolder, "fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    DIR* listing = descriptors < 0 ? nullptr : fdopendir(descriptors);
+    if (!listing && descriptors >= 0) close(descriptors);
+    while (listing && !holding.writes) {
+        dirent* entry = readdir(listing);
+        if (!entry) break;
+        if (entry->d_name[0] == '.' || !pointsInside(descriptors, entry->d_name)) continue;
+        holding.holds = true;
+        holding.writes = openedForWriting(processFolder, entry->d_name);
+    }
+    if (listing) closedir(listing);
+    if (!holding.writes) scanMappings(processFolder, matcher, holding);
+    return holding;
+}
+
+std::string commandOf(int processFolder) {
+    std::string command = readSmallFile(processFolder, "comm", 64).value_or("");
+    if (command.ends_with('\n')) command.pop_back();
+    return command;
+}
+
 }  // namespace
 
 Holders OpenFiles::holders(const std::string& path, double timeout, const std::string& lsofPath) {
@@ -44,6 +192,48 @@ Holders OpenFiles::holders(const std::string& path, double timeout, const std::s
     } catch (...) {
         return Holders::unknown();
     }
+}
+
+Holders OpenFiles::holdersFromProc(const std::string& path, const std::string& procPath) {
+    int procFolder = open(procPath.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (procFolder < 0) return Holders::unknown();
+    // A process table that does not show this process is not mounted or not ours to read.
+    DIR* processes = faccessat(procFolder, std::to_string(getpid()).c_str(), F_OK, 0) == 0
+                         ? fdopendir(procFolder)
+                         : nullptr;
+    if (!processes) {
+        close(procFolder);
+        return Holders::unknown();
+    }
+    if (path.empty() || path.front() != '/') {
+        closedir(processes);
+        return Holders::known({});
+    }
+    HeldNameMatcher matcher(path);
+    std::vector<Holder> list;
+    bool failed = false;
+    for (;;) {
+        errno = 0;
+        dirent* entry = readdir(processes);
+        if (!entry) {
+            failed = errno != 0;
+            break;
+        }
+        std::string_view name(entry->d_name);
+        pid_t pid = 0;
+        auto [last, error] = std::from_chars(name.data(), name.data() + name.size(), pid);
+        if (error != std::errc() || last != name.data() + name.size() || pid <= 0) continue;
+        int processFolder = openat(procFolder, entry->d_name, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        if (processFolder < 0) continue;  // ended since the listing
+        Holding holding = holdingOf(processFolder, matcher);
+        if (holding.holds) list.push_back({commandOf(processFolder), holding.writes, pid});
+        close(processFolder);
+    }
+    closedir(processes);
+    if (failed) return Holders::unknown();
+    std::sort(list.begin(), list.end(),
+              [](const Holder& a, const Holder& b) { return a.pid < b.pid; });
+    return Holders::known(std::move(list));
 }
 
 Holders OpenFiles::classify(int status, bool timedOut, const std::string& output) {
