@@ -194,10 +194,11 @@ TEST(Paths, RealPathResolvesTheDeepestExistingAncestor) {
     EXPECT_EQ(realPath(root / "a/link"), root / "a/real");
     EXPECT_EQ(realPath(root / "a/link/missing/deeper"), root / "a/real/missing/deeper");
     EXPECT_EQ(realPath(root / "a//real/./x/../"), root / "a/real");
-    EXPECT_EQ(realPath(root / "a/elsewhere/.."), root / "a")
-        << "\"..\" is removed before links are resolved";
-    EXPECT_EQ(canonicalPath(root / "a/elsewhere/.."), root / "b")
-        << "links are resolved before \"..\"";
+    EXPECT_EQ(realPath(root / "a/elsewhere/.."), root / "b")
+        << "\"..\" goes where the kernel goes: links are resolved first";
+    EXPECT_EQ(itemPath(root / "a/elsewhere/../c"), root / "b/c");
+    EXPECT_EQ(itemPath(root / "a/link/"), root / "a/link") << "a trailing slash keeps the link";
+    EXPECT_EQ(itemPath(root / "a/real/."), root / "a/real");
     EXPECT_EQ(canonicalPath(root / "a/link/missing/../x"), root / "a/real/x");
     EXPECT_EQ(realPath("/"), "/");
     EXPECT_EQ(realPath("/.."), "/");

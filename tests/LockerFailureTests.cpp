@@ -303,7 +303,7 @@ TEST_P(LockerFailureInterruptedTest, LeavesTheStateRecoveryReads) {
     const Interruption& row = GetParam();
     Locker locker = makeLocker();
     locker.crashPoint = row.point;
-    auto fail = [](const std::string&) { throw std::runtime_error("the disk went away"); };
+    auto fail = [](auto&&...) { throw std::runtime_error("the disk went away"); };
     if (row.cause == Cause::flush) locker.flushVolume = fail;
     if (row.cause == Cause::indexFile) std::filesystem::create_directories(support + "/items.json");
     if (row.cause == Cause::deletion) locker.deleteRenamedOriginal = fail;

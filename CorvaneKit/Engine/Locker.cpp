@@ -2,8 +2,6 @@
 #include "Engine/Locker.h"
 
 #include <fcntl.h>
-#include <linux/fs.h>
-#include <sys/ioctl.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
@@ -91,25 +89,6 @@ void Locker::makeMountPoint(const std::string& path) const {
     JSONCodec::createDirectories(path, 0777);
 }
 
-void Locker::renameExclusively(const std::string& from, const std::string& to) {
-    if (renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return;
-    if (errno != EINVAL && errno != ENOTSUP) throwErrno(errno, from);
-    struct stat existing {};
-    if (lstat(to.c_str(), &existing) == 0) throwErrno(EEXIST, from);
-    if (errno != ENOENT) throwErrno(errno, from);
-    if (rename(from.c_str(), to.c_str()) != 0) throwErrno(errno, from);
-}
-
-void Locker::fullSync(const std::string& path) {
-    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) throwErrno(errno, path);
-    // On Linux fsync also flushes the device's cache.
-    int result = fsync(fd);
-    int error = errno;
-    close(fd);
-    if (result != 0) throwErrno(error, path);
-}
-
 bool Locker::isMarkedUnchangeable(const std::string& path) {
     struct statx status {};
     if (statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_BASIC_STATS, &status) != 0)
@@ -117,47 +96,11 @@ bool Locker::isMarkedUnchangeable(const std::string& path) {
     return (status.stx_attributes & (STATX_ATTR_IMMUTABLE | STATX_ATTR_APPEND)) != 0;
 }
 
-void Locker::makeDeletable(const std::string& path) {
-    struct stat root {};
-    if (lstat(path.c_str(), &root) != 0) return;
-    auto loosen = [&](const std::string& entryPath, const struct stat& status) {
-        if (status.st_dev != root.st_dev || S_ISLNK(status.st_mode)) return;
-        // A hard-linked file's marks are shared with its other names: leave them alone.
-        if (!S_ISDIR(status.st_mode) && status.st_nlink > 1) return;
-        if (isMarkedUnchangeable(entryPath)) {
-            int fd = open(entryPath.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
-            int flags = 0;
-            if (fd >= 0 && ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0) {
-                flags &= ~(FS_IMMUTABLE_FL | FS_APPEND_FL);
-                ioctl(fd, FS_IOC_SETFLAGS, &flags);
-            }
-            if (fd >= 0) close(fd);
-        }
-        if (S_ISDIR(status.st_mode) && (status.st_mode & S_IRWXU) != S_IRWXU)
-            chmod(entryPath.c_str(), (status.st_mode & 07777) | S_IRWXU);
-    };
-    loosen(path, root);
-    if (!S_ISDIR(root.st_mode)) return;
-    try {
-        FileWalk::walk(path, [&](const FileWalk::Entry& entry) {
-            std::string entryPath = path + "/" + entry.relativePath;
-            struct stat status = entry.info;
-            // A folder that could not be read may be readable once opened up, so it is re-read.
-            if (entry.problem && lstat(entryPath.c_str(), &status) != 0)
-                return FileWalk::Next::descend;
-            loosen(entryPath, status);
-            return FileWalk::Next::descend;
-        });
-    } catch (const FileWalk::WalkError&) {
-        // What could be reached has been opened up; removal reports the rest.
-    }
-}
-
 void Locker::removeOwnedTree(const std::string& path) {
-    makeDeletable(path);
-    std::error_code error;
-    std::filesystem::remove_all(path, error);
-    if (error) throw std::system_error(error, path);
+    std::string standardized = standardizedPath(path);
+    auto slash = standardized.rfind('/');
+    Folder(slash == 0 ? "/" : standardized.substr(0, slash))
+        .removeOwnedTree(standardized.substr(slash + 1));
 }
 
 bool Locker::isMountPoint(const std::string& path) {
@@ -228,14 +171,26 @@ std::int64_t Locker::contentLogicalSize(const std::string& mount, LockedItem::Ki
     return error ? 0 : total;
 }
 
-void Locker::abandon(const std::string& mountPoint, const std::string& work, const Uuid& id) const {
+bool Locker::closeAndForget(const std::string& mountPoint) const {
+    bool closed = true;
     try {
         tool->detach(mountPoint, true);
     } catch (...) {
+        closed = !isMountPoint(mountPoint);
     }
     rmdir(mountPoint.c_str());
-    std::error_code ignored;
-    std::filesystem::remove_all(work, ignored);
+    return closed;
+}
+
+void Locker::abandon(const std::string& mountPoint, const Folder& folder, const std::string& work,
+                     const Uuid& id) const {
+    bool clean = closeAndForget(mountPoint);
+    try {
+        folder.removeOwnedTree(work);
+    } catch (...) {
+        clean = false;
+    }
+    if (!clean) return;  // the journal entry stays, so that recovery finishes the clean-up
     try {
         journal.remove(id);
     } catch (...) {

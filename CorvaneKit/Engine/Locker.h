@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "Engine/CrashPoint.h"
+#include "Engine/Folder.h"
 #include "Engine/LockStep.h"
 #include "Engine/OpenItem.h"
 #include "FileSystem/CancelToken.h"
@@ -56,8 +57,13 @@ public:
     std::optional<CrashPoint> crashPoint;
     std::function<void()> afterVerify;
     std::function<void(const std::string&)> afterRestoreCopy;
-    std::function<void(const std::string&)> flushVolume = fullSync;
-    std::function<void(const std::string&)> deleteRenamedOriginal = removeOwnedTree;
+    // Called with the item's folder before the only other copy goes: by default everything on its
+    // file system reaches stable storage.
+    std::function<void(const Folder&)> flushVolume = [](const Folder& folder) {
+        folder.synchronize();
+    };
+    std::function<void(const Folder&, const std::string& name)> deleteRenamedOriginal =
+        [](const Folder& folder, const std::string& name) { folder.removeOwnedTree(name); };
     std::int64_t spaceMargin = 250'000'000;
     double cloudDownloadTimeout = 300.0;
 
@@ -82,7 +88,7 @@ public:
     // What an attached image holds, from its marker, else the record, else the locked item's name.
     struct VolumeContents {
         std::string name;
-        LockedItem::Kind kind;
+        LockedItem::Kind kind = LockedItem::Kind::folder;
     };
     static VolumeContents contentsOf(const std::string& mountPoint,
                                      const std::optional<LockedItem>& record,
@@ -102,9 +108,8 @@ public:
     // File-system helpers.
     static std::optional<std::int64_t> availableSpace(const std::string& path);
     void makeMountPoint(const std::string& path) const;
-    static void renameExclusively(const std::string& from, const std::string& to);
-    static void fullSync(const std::string& path);
-    static void makeDeletable(const std::string& path);
+    // Deletes the tree at `path` through its folder's descriptor, never crossing into another
+    // file system; read-only folders are made writable first.
     static void removeOwnedTree(const std::string& path);
     static bool isMountPoint(const std::string& path);
     static bool hasDenyDeleteACL(const std::string& path);
@@ -115,12 +120,19 @@ private:
     void crashIf(CrashPoint point) const {
         if (crashPoint == point) throw SimulatedCrash();
     }
-    void copy(const std::string& source, const std::string& destination,
-              const CancelToken* cancel) const;
+    // cp -a through the runner; `folder` is the descriptor-held folder `source` is anchored in,
+    // named by its path in a failure's report.
+    void copy(const std::string& source, const std::string& destination, const CancelToken* cancel,
+              const Folder& folder) const;
     // Undoes a failed operation before its result was visible: the image is closed by force, the
-    // mount point and the work in progress removed and the journal entry dropped. Each step may
-    // fail on its own; the caller rethrows the first error.
-    void abandon(const std::string& mountPoint, const std::string& work, const Uuid& id) const;
+    // mount point and the work in progress (`work` in `folder`) removed, and the journal entry
+    // dropped only when all of that worked, so that recovery finds what is left. The caller
+    // rethrows the first error.
+    void abandon(const std::string& mountPoint, const Folder& folder, const std::string& work,
+                 const Uuid& id) const;
+    // Closes an image attached at `mountPoint` by force and removes the mount point; true when
+    // nothing is left attached there.
+    bool closeAndForget(const std::string& mountPoint) const;
 };
 
 }  // namespace corvane

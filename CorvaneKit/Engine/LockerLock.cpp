@@ -16,6 +16,7 @@
 #include "FileSystem/DiskImageTool.h"
 #include "FileSystem/FileWalk.h"
 #include "FileSystem/ItemFacts.h"
+#include "FileSystem/MountTable.h"
 #include "FileSystem/OpenFiles.h"
 #include "FileSystem/ProcessRunner.h"
 #include "FileSystem/ThumbnailScrubber.h"
@@ -25,6 +26,7 @@
 #include "Records/FatalError.h"
 #include "Records/Locator.h"
 #include "Records/Paths.h"
+#include "Records/UTF8.h"
 
 namespace corvane {
 
@@ -48,6 +50,21 @@ void refuseMountsInside(const ImageTool& tool, const std::string& item, const st
         if (isAtOrBelow(canonicalPath(image.mountPoint), itemPath))
             throw CorvaneError::containsMountedDisk(name);
     }
+    // Any other mount inside (a bind mount, a tmpfs, a drive) would be copied as if it were the
+    // item's, and emptied with the original.
+    for (const auto& mount : MountTable::read())
+        if (isAtOrBelow(mount.mountPoint, itemPath)) throw CorvaneError::containsMountedDisk(name);
+}
+
+// What the records cannot hold, and what the image's volume keeps for itself, are refused
+// before anything else is read.
+void refuseWhatCannotBeKept(const std::string& item) {
+    if (!UTF8::isValid(item)) throw CorvaneError::refused(LockRefusal::nameNotText);
+    struct stat status {};
+    if (lstat(item.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) return;
+    for (const auto& reserved : VolumeLayout::housekeeping())
+        if (lstat((item + "/" + reserved).c_str(), &status) == 0)
+            throw CorvaneError::refused(LockRefusal::holdsReservedName);
 }
 
 void refuseFinderLocked(const std::string& item, const std::string& name) {
@@ -76,16 +93,39 @@ void refuseAppleDoubleOrFinderLockedInside(const std::string& item, const std::s
     if (found == Locker::Found::appleDouble) throw CorvaneError::containsAppleDouble(name);
 }
 
-void refuseHardLinkedFiles(const std::string& item, const std::string& name) {
+// Also returns the folders inside that their owner may not write to or search, which the copy
+// has to prepare (see prepareClosedFolders).
+std::vector<std::string> refuseHardLinkedFiles(const std::string& item, const std::string& name) {
     struct stat status {};
     if (lstat(item.c_str(), &status) == 0 && S_ISREG(status.st_mode) && status.st_nlink >= 2)
         throw CorvaneError::hardLinked(name);
-    if (!S_ISDIR(status.st_mode)) return;
+    std::vector<std::string> closedFolders;
+    if (!S_ISDIR(status.st_mode)) return closedFolders;
     FileWalk::walk(item, [&](const FileWalk::Entry& entry) {
-        if (!entry.problem && S_ISREG(entry.info.st_mode) && entry.info.st_nlink > 1)
+        if (entry.problem) return FileWalk::Next::descend;
+        if (S_ISREG(entry.info.st_mode) && entry.info.st_nlink > 1)
             throw CorvaneError::hardLinked(name);
+        if (S_ISDIR(entry.info.st_mode) && (entry.info.st_mode & S_IRWXU) != S_IRWXU)
+            closedFolders.push_back(entry.relativePath);
         return FileWalk::Next::descend;
     });
+    return closedFolders;
+}
+
+// The image's file system answers a new folder's mode from its cache as fully open, so cp skips
+// opening up a read-only folder and then cannot write into it. Folders made beforehand are
+// written into, and cp gives them their modes and times at the end.
+void prepareClosedFolders(const std::string& volume, const std::vector<std::string>& folders) {
+    for (const auto& folder : folders) {
+        std::string path = volume;
+        for (std::size_t start = 0; start <= folder.size();) {
+            std::size_t end = std::min(folder.find('/', start), folder.size());
+            path += "/" + folder.substr(start, end - start);
+            if (mkdir(path.c_str(), 0700) != 0 && errno != EEXIST)
+                throw std::system_error(errno, std::generic_category(), path);
+            start = end + 1;
+        }
+    }
 }
 
 std::string parentOf(const std::string& path) {
@@ -94,7 +134,7 @@ std::string parentOf(const std::string& path) {
 }
 
 void writeEmptyFile(const std::string& path) {
-    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (fd < 0) throw std::system_error(errno, std::generic_category(), path);
     close(fd);
 }
@@ -102,14 +142,21 @@ void writeEmptyFile(const std::string& path) {
 }  // namespace
 
 void Locker::copy(const std::string& source, const std::string& destination,
-                  const CancelToken* cancel) const {
+                  const CancelToken* cancel, const Folder& folder) const {
     struct stat status {};
-    bool folder = stat(source.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+    bool isFolder = lstat(source.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
     // A folder's contents go into the destination folder itself; a file becomes the destination.
-    std::vector<std::string> arguments{"-a", folder ? source + "/." : source, destination};
+    std::vector<std::string> arguments{"-a", "--", isFolder ? source + "/." : source, destination};
     ProcessResult result =
         ProcessRunner::run("/bin/cp", arguments, std::nullopt, std::nullopt, cancel);
-    if (result.status != 0) throw CorvaneError::copyFailed(DiskImageTool::clean(result.output));
+    if (result.status == 0) return;
+    // cp names the paths it was given; the user knows the folder by its own path.
+    std::string report = result.output;
+    const std::string anchor = folder.anchored("");
+    const std::string shown = folder.path() == "/" ? "/" : folder.path() + "/";
+    for (auto at = report.find(anchor); at != std::string::npos; at = report.find(anchor, at))
+        report.replace(at, anchor.size(), shown);
+    throw CorvaneError::copyFailed(DiskImageTool::clean(UTF8::lenient(report)));
 }
 
 LockedItem Locker::lock(const std::string& path, const std::string& password,
@@ -121,16 +168,19 @@ LockedItem Locker::lock(const std::string& path, const std::string& password,
 
     // Checks: nothing on disk changes until the journal has the entry.
     report(LockStep::preparing);
-    ItemFacts facts = ItemFacts::inspect(path);
-    if (auto refusal = policy.refusal(path, facts)) throw CorvaneError::refused(*refusal);
-    const std::string item = realPath(path);
-    const std::string parent = parentOf(item);
+    const std::string item = itemPath(path);
+    ItemFacts facts = ItemFacts::inspect(item);
+    if (auto refusal = policy.refusal(item, facts)) throw CorvaneError::refused(*refusal);
+    const std::string parentPath = parentOf(item);
     const std::string name = lastPathComponent(item);
+    // From here on the item is reached through its folder's descriptor, never its path again.
+    const Folder parent(parentPath);
 
+    refuseWhatCannotBeKept(item);
     refuseMountsInside(*tool, item, name);
     refuseFinderLocked(item, name);
     refuseAppleDoubleOrFinderLockedInside(item, name);
-    refuseHardLinkedFiles(item, name);
+    const std::vector<std::string> closedFolders = refuseHardLinkedFiles(item, name);
 
     bool downloaded = false;
     if (auto pending = CloudFiles::notDownloaded(item); !pending.empty()) {
@@ -154,7 +204,7 @@ LockedItem Locker::lock(const std::string& path, const std::string& password,
     std::int64_t size = downloaded ? ItemFacts::allocatedSize(item) : facts.size;
     std::int64_t needed = 0;
     if (__builtin_add_overflow(spaceMargin, size, &needed)) fatalError("space overflow");
-    if (auto available = availableSpace(parent); available && *available < needed)
+    if (auto available = availableSpace(parentPath); available && *available < needed)
         throw CorvaneError::notEnoughSpace(needed, *available);
 
     auto writers = OpenFiles::writerNames(OpenFiles::holders(item, kWritersTimeout));
@@ -163,18 +213,22 @@ LockedItem Locker::lock(const std::string& path, const std::string& password,
     if (cancel && cancel->isCancelled()) throw CorvaneError::cancelled();
 
     struct stat itemStatus {};
-    stat(item.c_str(), &itemStatus);
+    if (!parent.status(name, itemStatus)) throw CorvaneError::refused(LockRefusal::doesNotExist);
     const LockedItem::Kind kind =
         S_ISDIR(itemStatus.st_mode) ? LockedItem::Kind::folder : LockedItem::Kind::file;
     const bool isPackage = isPackageExtension("");
     const Uuid id = Uuid::random();
-    const std::string partialURL = parent + "/.corvane-" + id.string() + ".partial.sparsebundle";
+    const std::string partialName = ".corvane-" + id.string() + ".partial.sparsebundle";
+    const std::string partialURL = parentPath + "/" + partialName;
     const std::string finalURL = availableLockedURL(
-        lockedBaseName(name, kind == LockedItem::Kind::file || isPackage), parent);
+        lockedBaseName(name, kind == LockedItem::Kind::file || isPackage), parentPath);
+    const std::string finalName = lastPathComponent(finalURL);
     const std::string mountPoint = mountsRoot + "/" + id.string();
     const std::string copyTarget =
         kind == LockedItem::Kind::folder ? mountPoint : mountPoint + "/" + name;
-    const std::string deletingURL = parent + "/.corvane-" + id.string() + ".deleting";
+    const std::string deletingName = ".corvane-" + id.string() + ".deleting";
+    // The original as read for the copy, the verification and the snapshots.
+    const std::string source = parent.anchored(name);
 
     // Journal write 1: every path the lock will touch, before any of them exists.
     JournalEntry entry{id,           JournalEntry::Kind::lock,
@@ -186,8 +240,8 @@ LockedItem Locker::lock(const std::string& path, const std::string& password,
     std::int64_t contentSize = 0;
     Snapshot before;
     try {
-        contentSize = ItemFacts::logicalSize(item);
-        before = metadataSnapshot(item);
+        contentSize = ItemFacts::logicalSize(source);
+        before = metadataSnapshot(source);
 
         report(LockStep::encrypting);
         tool->create(partialURL, volumeName(name), password);
@@ -195,18 +249,28 @@ LockedItem Locker::lock(const std::string& path, const std::string& password,
 
         makeMountPoint(mountPoint);
         tool->attach(partialURL, mountPoint, password, false);
-        copy(item, copyTarget, cancel);
-        writeEmptyFile(mountPoint + "/.metadata_never_index");
-        ItemMarker(kind, name).write(mountPoint);
+        // The volume's own files go in first: a read-only folder's top takes its mode only at the
+        // end of the copy.
+        writeEmptyFile(mountPoint + "/" + std::string(VolumeLayout::neverIndexName));
+        ItemMarker marker(kind, name);
+        if (kind == LockedItem::Kind::folder) marker.mode = itemStatus.st_mode & 07777;
+        marker.write(mountPoint);
+        prepareClosedFolders(mountPoint, closedFolders);
+        copy(source, copyTarget, cancel, parent);
         crashIf(CrashPoint::lockAfterCopy);
 
-        // Verification reads the image as written, through a fresh read-only attachment.
+        // The image's own folder would keep the item's mode and let others list its encrypted
+        // tree; the marker keeps the mode instead.
         tool->detach(mountPoint, false);
+        if (fchmodat(parent.descriptor(), partialName.c_str(), 0700, 0) != 0)
+            throw std::system_error(errno, std::generic_category(), partialURL);
+
+        // Verification reads the image as written, through a fresh read-only attachment.
         report(LockStep::verifying);
         makeMountPoint(mountPoint);
         tool->attach(partialURL, mountPoint, password, true);
         auto mismatches =
-            TreeVerifier::compare(item, copyTarget,
+            TreeVerifier::compare(source, copyTarget,
                                   kind == LockedItem::Kind::folder ? VolumeLayout::housekeeping()
                                                                    : std::set<std::string>{},
                                   cancel);
@@ -217,7 +281,7 @@ LockedItem Locker::lock(const std::string& path, const std::string& password,
 
         if (afterVerify) afterVerify();
         // The copy verified, but an item written to meanwhile may differ from what was copied.
-        if (metadataSnapshot(item) != before) throw CorvaneError::changedWhileLocking();
+        if (metadataSnapshot(source) != before) throw CorvaneError::changedWhileLocking();
 
         // Journal write 2: the image is complete; from its rename on, it is the item.
         report(LockStep::removingOriginal);
@@ -226,12 +290,12 @@ LockedItem Locker::lock(const std::string& path, const std::string& password,
         journal.add(entry);
         crashIf(CrashPoint::lockBeforeRename);
 
-        renameExclusively(partialURL, finalURL);
+        parent.renameExclusively(partialName, finalName);
         crashIf(CrashPoint::lockAfterMove);
     } catch (const SimulatedCrash&) {
         throw;
     } catch (...) {
-        abandon(mountPoint, partialURL, id);
+        abandon(mountPoint, parent, partialName, id);
         throw;
     }
     setHiddenExtension(finalURL);
@@ -252,9 +316,16 @@ LockedItem Locker::lock(const std::string& path, const std::string& password,
         crashIf(CrashPoint::lockAfterRename);
 
         flushVolume(parent);
-        entry.deletingPath = deletingURL;
+        entry.deletingPath = parentPath + "/" + deletingName;
         journal.add(entry);
-        renameExclusively(item, deletingURL);
+        // The original goes only from the folder checked at the start, and only while the
+        // original there is the one that was copied and verified.
+        parent.confirmIdentity();
+        struct stat now {};
+        if (!parent.status(name, now) || now.st_ino != itemStatus.st_ino ||
+            now.st_dev != itemStatus.st_dev)
+            throw std::runtime_error("the original was replaced");
+        parent.renameExclusively(name, deletingName);
         crashIf(CrashPoint::lockAfterRenameToDeleting);
     } catch (const SimulatedCrash&) {
         throw;
@@ -262,7 +333,7 @@ LockedItem Locker::lock(const std::string& path, const std::string& password,
         throw CorvaneError::lockedButOriginalRemains(name);
     }
     try {
-        deleteRenamedOriginal(deletingURL);
+        deleteRenamedOriginal(parent, deletingName);
     } catch (...) {
         throw CorvaneError::lockedButRemovalUnfinished(name);
     }

@@ -29,9 +29,17 @@ OpenItem Locker::unlock(const std::string& path, const std::string& password) {
     Uuid id = record ? record->id : Uuid::random();
     std::string mountPoint = mountsRoot + "/" + id.string();
     makeMountPoint(mountPoint);
-    tool->attach(path, mountPoint, password, false);
-
-    auto [name, kind] = contentsOf(mountPoint, record, path);
+    VolumeContents contents;
+    try {
+        tool->attach(path, mountPoint, password, false);
+        contents = contentsOf(mountPoint, record, path);
+    } catch (...) {
+        // A failed unlock leaves nothing open and no mount point behind.
+        closeAndForget(mountPoint);
+        throw;
+    }
+    auto [name, kind] = contents;
+    // A failing index write from here on leaves the item open, where recovery finds it.
     if (!record) {
         index.upsert(LockedItem{id, name, kind, Locator::make(path), path,
                                 DateFormat::roundedToSecond(std::chrono::system_clock::now()), 0,

@@ -1,15 +1,20 @@
 // Removing the lock: the image's contents are copied out beside it under a hidden name, checked
-// against the image, put in place under a free name, and only then is the image deleted.
+// against the image, put in place under a free name, made durable, and only then is the image
+// moved aside and deleted.
 //
 // The "restore" journal entry, as crash recovery reads it:
 //   originalPath  the locked item (the image), which stays the only copy that counts until the
 //                 restored item has its final name
 //   partialPath   the staging copy ".corvane-<id>.restoring" beside it, disposable until then
 //   finalPath     "" until a destination is chosen; then the restored item's final path
-//   lockedAt, lockedIdentity, deletingPath are not used.
+//   deletingPath  set just before the image is renamed to ".corvane-<id>.deleting" to be deleted;
+//                 a partly deleted image is never left under its own name
+//   lockedAt, lockedIdentity are not used.
 // So: finalPath empty, or the staging copy still there and nothing at finalPath: the restore never
 // finished; remove the staging copy, the locked item is intact. Something at finalPath and no
-// staging copy: the restore finished; the image (if still there) and the record are surplus.
+// staging copy: the restore finished; the image (if still there, or at deletingPath) and the
+// record are surplus.
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -24,6 +29,7 @@
 #include "FileSystem/VolumeLayout.h"
 #include "Records/CorvaneError.h"
 #include "Records/Paths.h"
+#include "Records/UTF8.h"
 
 namespace corvane {
 
@@ -32,6 +38,43 @@ namespace {
 bool exists(const std::string& path) {
     struct stat status {};
     return lstat(path.c_str(), &status) == 0;
+}
+
+// A locked file's volume holds the file and the volume's own entries. Anything else was added
+// while it was open and has no place to go: it would be lost with the image.
+void refuseAnythingButTheFile(const std::string& volume, const std::string& name) {
+    struct stat status {};
+    if (lstat((volume + "/" + name).c_str(), &status) != 0 || !S_ISREG(status.st_mode))
+        throw CorvaneError::diskImage("the locked item is damaged: its file " +
+                                      UTF8::lenient(name) + " is missing.");
+    std::vector<TreeMismatch> extras;
+    for (const auto& entry : std::filesystem::directory_iterator(volume)) {
+        std::string entryName = entry.path().filename();
+        if (entryName != name && !VolumeLayout::housekeeping().count(entryName))
+            extras.push_back({entryName, "added beside the locked file; move it out first"});
+    }
+    std::sort(extras.begin(), extras.end(),
+              [](const TreeMismatch& a, const TreeMismatch& b) { return a.path < b.path; });
+    if (!extras.empty()) throw CorvaneError::restoreVerificationFailed(extras);
+}
+
+// The copy of the volume's top brought the volume's own entries and its private mode along: they
+// are dropped, and the folder gets the item's mode and times back.
+void takeTopFolderAttributes(const Folder& parent, const std::string& stagingName,
+                             const std::string& volume, const std::optional<ItemMarker>& marker) {
+    int fd = openat(parent.descriptor(), stagingName.c_str(),
+                    O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) throw std::system_error(errno, std::generic_category(), stagingName);
+    struct stat top {};
+    int error = stat(volume.c_str(), &top) != 0 ? errno : 0;
+    for (const auto& name : VolumeLayout::housekeeping())
+        if (error == 0 && unlinkat(fd, name.c_str(), 0) != 0 && errno != ENOENT) error = errno;
+    mode_t mode = marker && marker->mode ? *marker->mode : top.st_mode & 07777;
+    const struct timespec times[2] = {top.st_atim, top.st_mtim};
+    if (error == 0 && fchmod(fd, mode) != 0) error = errno;
+    if (error == 0 && futimens(fd, times) != 0) error = errno;
+    close(fd);
+    if (error != 0) throw std::system_error(error, std::generic_category(), stagingName);
 }
 
 }  // namespace
@@ -55,10 +98,12 @@ std::string Locker::removeLock(const std::string& path, const std::string& passw
     auto report = [&](LockStep step) {
         if (progress) progress(step);
     };
-    if (!path.ends_with(".corvlock")) throw CorvaneError::notLocked();
-    if (!exists(path)) throw CorvaneError::notFound();
-    const std::string locked = standardizedPath(path);
-    const std::string parent = locked.substr(0, std::max<std::size_t>(locked.rfind('/'), 1));
+    const std::string locked = itemPath(path);
+    if (!locked.ends_with(".corvlock")) throw CorvaneError::notLocked();
+    if (!exists(locked)) throw CorvaneError::notFound();
+    const std::string parentPath = locked.substr(0, std::max<std::size_t>(locked.rfind('/'), 1));
+    const std::string lockedName = lastPathComponent(locked);
+    const Folder parent(parentPath);
 
     std::optional<LockedItem> record = index.item(locked);
     if (record) {
@@ -67,73 +112,72 @@ std::string Locker::removeLock(const std::string& path, const std::string& passw
     }
 
     const Uuid id = Uuid::random();
-    const std::string staging = parent + "/.corvane-" + id.string() + ".restoring";
+    const std::string stagingName = ".corvane-" + id.string() + ".restoring";
+    const std::string staging = parent.anchored(stagingName);
     const std::string mountPoint = mountsRoot + "/" + id.string();
-    JournalEntry entry{
-        id,          JournalEntry::Kind::restore, locked, staging, "", std::nullopt, std::nullopt,
-        std::nullopt};
+    JournalEntry entry{id,           JournalEntry::Kind::restore,
+                       locked,       parentPath + "/" + stagingName,
+                       "",           std::nullopt,
+                       std::nullopt, std::nullopt};
     journal.add(entry);
 
     std::string destination;
     try {
         makeMountPoint(mountPoint);
         tool->attach(locked, mountPoint, password, true);
+        auto marker = ItemMarker::read(mountPoint);
         auto [name, kind] = contentsOf(mountPoint, record, locked);
-        std::string content =
-            kind == LockedItem::Kind::folder ? mountPoint : mountPoint + "/" + name;
+        const bool isFolder = kind == LockedItem::Kind::folder;
+        std::string content = isFolder ? mountPoint : mountPoint + "/" + name;
+        if (!isFolder) refuseAnythingButTheFile(mountPoint, name);
 
         std::int64_t needed = ItemFacts::allocatedSize(mountPoint);
-        if (auto available = availableSpace(parent); available && *available < needed)
+        if (auto available = availableSpace(parentPath); available && *available < needed)
             throw CorvaneError::notEnoughSpace(needed, *available);
 
         report(LockStep::restoring);
-        if (kind == LockedItem::Kind::folder) {
-            if (mkdir(staging.c_str(), 0700) != 0)
-                throw std::system_error(errno, std::generic_category(), staging);
-            std::vector<std::string> arguments{"-a"};
-            for (const auto& entry : std::filesystem::directory_iterator(mountPoint))
-                if (!VolumeLayout::housekeeping().count(entry.path().filename()))
-                    arguments.push_back(entry.path().string());
-            if (arguments.size() > 1) {
-                arguments.push_back(staging + "/");
-                ProcessResult result =
-                    ProcessRunner::run("/bin/cp", arguments, std::nullopt, std::nullopt, cancel);
-                if (result.status != 0)
-                    throw CorvaneError::copyFailed(DiskImageTool::clean(result.output));
-            }
-            // The folder itself takes the permissions it had inside the image.
-            struct stat root {};
-            if (stat(mountPoint.c_str(), &root) == 0) chmod(staging.c_str(), root.st_mode & 07777);
+        if (isFolder) {
+            // Private until it is checked and has its name; cp gives it the item's own owner,
+            // times and extended attributes.
+            if (mkdirat(parent.descriptor(), stagingName.c_str(), 0700) != 0)
+                throw std::system_error(errno, std::generic_category(), entry.partialPath);
+            copy(content, staging, cancel, parent);
+            takeTopFolderAttributes(parent, stagingName, mountPoint, marker);
         } else {
-            copy(content, staging, cancel);
+            copy(content, staging, cancel, parent);
         }
         if (afterRestoreCopy) afterRestoreCopy(staging);
         crashIf(CrashPoint::restoreAfterCopy);
 
-        auto mismatches =
-            TreeVerifier::compare(content, staging,
-                                  kind == LockedItem::Kind::folder ? VolumeLayout::housekeeping()
-                                                                   : std::set<std::string>{},
-                                  cancel);
+        auto mismatches = TreeVerifier::compare(
+            content, staging, isFolder ? VolumeLayout::housekeeping() : std::set<std::string>{},
+            cancel);
         if (!mismatches.empty()) throw CorvaneError::restoreVerificationFailed(mismatches);
 
-        destination = restoreDestination(name, parent);
+        destination = restoreDestination(name, parentPath);
         entry.finalPath = destination;
         journal.add(entry);
         crashIf(CrashPoint::restoreBeforeRename);
-        renameExclusively(staging, destination);
+        parent.renameExclusively(stagingName, lastPathComponent(destination));
     } catch (const SimulatedCrash&) {
         throw;
     } catch (...) {
-        abandon(mountPoint, staging, id);
+        abandon(mountPoint, parent, stagingName, id);
         throw;
     }
     crashIf(CrashPoint::restoreAfterRename);
 
-    // The restored item has its name; the image is surplus from here on.
+    // The restored item has its name; the image is surplus once the restored files are on stable
+    // storage. It is moved aside first, so that a partly deleted image never passes for one.
     tool->detach(mountPoint, true);
     rmdir(mountPoint.c_str());
-    removeOwnedTree(locked);
+    flushVolume(parent);
+    const std::string deletingName = ".corvane-" + id.string() + ".deleting";
+    entry.deletingPath = parentPath + "/" + deletingName;
+    journal.add(entry);
+    parent.confirmIdentity();
+    parent.renameExclusively(lockedName, deletingName);
+    parent.removeOwnedTree(deletingName);
     crashIf(CrashPoint::restoreAfterDeleteLocked);
     if (record) index.remove(record->id);
     journal.remove(id);

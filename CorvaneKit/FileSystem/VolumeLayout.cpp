@@ -3,10 +3,9 @@
 namespace corvane {
 
 const std::set<std::string>& VolumeLayout::housekeeping() {
-    static const std::set<std::string> names = {
-        ".DocumentRevisions-V100", ".TemporaryItems",       ".Trashes",  ".fseventsd",
-        ".Spotlight-V100",         ".metadata_never_index", ".DS_Store", std::string(markerName),
-    };
+    // Only Corvane's own two: names other systems keep at a volume's root are the user's data here.
+    static const std::set<std::string> names = {std::string(markerName),
+                                                std::string(neverIndexName)};
     return names;
 }
 

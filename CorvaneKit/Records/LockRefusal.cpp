@@ -18,6 +18,8 @@ std::string_view LockRefusals::rawValue(LockRefusal refusal) {
         case LockRefusal::insideLockedItem: return "insideLockedItem";
         case LockRefusal::tooLarge: return "tooLarge";
         case LockRefusal::shortcut: return "shortcut";
+        case LockRefusal::nameNotText: return "nameNotText";
+        case LockRefusal::holdsReservedName: return "holdsReservedName";
     }
     return {};
 }
@@ -51,6 +53,13 @@ std::string_view LockRefusals::message(LockRefusal refusal, const Wording& wordi
         case LockRefusal::tooLarge: return "Corvane locks items up to 2 TB.";
         case LockRefusal::shortcut:
             return "This is a shortcut to another item. Lock the original instead.";
+        case LockRefusal::nameNotText:
+            return "Corvane can only lock items whose name and folders are named in valid text "
+                   "(UTF-8). Rename them, then try again.";
+        case LockRefusal::holdsReservedName:
+            return "This folder holds a file named .corvane-item.json or .metadata_never_index at "
+                   "its top, names Corvane keeps for itself. Rename or move that file, then try "
+                   "again.";
     }
     return {};
 }

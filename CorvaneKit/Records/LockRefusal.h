@@ -25,15 +25,21 @@ enum class LockRefusal {
     insideLockedItem,
     tooLarge,
     shortcut,
+    // Linux only: what the records or an image's volume cannot hold.
+    nameNotText,
+    holdsReservedName,
 };
 
 struct LockRefusals {
     static constexpr std::array all = {
-        LockRefusal::doesNotExist,   LockRefusal::systemLocation,     LockRefusal::homeFolder,
-        LockRefusal::standardFolder, LockRefusal::libraryFolder,      LockRefusal::application,
-        LockRefusal::corvaneItself,  LockRefusal::volumeRoot,         LockRefusal::networkVolume,
-        LockRefusal::alreadyLocked,  LockRefusal::insideUnlockedItem, LockRefusal::insideLockedItem,
-        LockRefusal::tooLarge,       LockRefusal::shortcut,
+        LockRefusal::doesNotExist,       LockRefusal::systemLocation,
+        LockRefusal::homeFolder,         LockRefusal::standardFolder,
+        LockRefusal::libraryFolder,      LockRefusal::application,
+        LockRefusal::corvaneItself,      LockRefusal::volumeRoot,
+        LockRefusal::networkVolume,      LockRefusal::alreadyLocked,
+        LockRefusal::insideUnlockedItem, LockRefusal::insideLockedItem,
+        LockRefusal::tooLarge,           LockRefusal::shortcut,
+        LockRefusal::nameNotText,        LockRefusal::holdsReservedName,
     };
 
     static std::string_view rawValue(LockRefusal refusal);

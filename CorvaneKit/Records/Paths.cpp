@@ -66,13 +66,22 @@ std::string standardizedPath(std::string_view path) {
 }
 
 std::string realPath(std::string_view path) {
-    std::string standardized = standardizedPath(path);
-    return resolvedThroughAncestors(standardized).value_or(standardized);
+    std::string full = absolute(path);
+    return standardizedPath(resolvedThroughAncestors(full).value_or(full));
 }
 
 std::string canonicalPath(std::string_view path) {
+    return realPath(path);
+}
+
+std::string itemPath(std::string_view path) {
     std::string full = absolute(path);
-    return standardizedPath(resolvedThroughAncestors(full).value_or(full));
+    while (full.size() > 1 && full.back() == '/') full.pop_back();
+    auto slash = full.rfind('/');
+    std::string name = full.substr(slash + 1);
+    if (name.empty() || name == "." || name == "..") return realPath(full);
+    std::string folder = realPath(slash == 0 ? "/" : full.substr(0, slash));
+    return (folder == "/" ? "" : folder) + "/" + name;
 }
 
 std::vector<std::string> pathComponents(std::string_view path) {

@@ -12,13 +12,16 @@ namespace corvane {
 // trailing slashes removed without looking at the disk.
 std::string standardizedPath(std::string_view path);
 
-// The standardised path through realpath(3). For a path that does not exist, the deepest ancestor
-// that resolves is resolved and the rest appended as it was; if nothing resolves, the standardised
-// path itself. Used to decide what an item is.
+// The path through realpath(3), so ".." goes where the kernel would go: to the parent of what a
+// symbolic link points at, not the one written. For a path that does not exist, the deepest
+// ancestor that resolves is resolved and the rest appended, standardised. Used to decide what an
+// item is, and to compare image paths and mount points.
 std::string realPath(std::string_view path);
-
-// Symbolic links resolved, then standardised. Used to compare image paths and mount points.
 std::string canonicalPath(std::string_view path);
+
+// The item a user's path names: its folder resolved as by realPath, its own last name kept, so
+// that a symbolic link stays itself and a trailing slash changes nothing.
+std::string itemPath(std::string_view path);
 
 // "/" first, then each name: the components of an absolute path.
 std::vector<std::string> pathComponents(std::string_view path);
