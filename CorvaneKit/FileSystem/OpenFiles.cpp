@@ -68,9 +68,20 @@ struct Holding {
     bool writes = false;
 };
 
+// Regular files only: whatever stands in for /proc, nothing read from it can block or never end.
+int openRegularFile(int folder, const char* name) {
+    int fd = openat(folder, name, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+    struct stat status {};
+    if (fd >= 0 && (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode))) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
 // Up to `limit` bytes of a file in `folder`, or nothing when it cannot be opened or read.
 std::optional<std::string> readSmallFile(int folder, const char* name, std::size_t limit) {
-    int fd = openat(folder, name, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+    int fd = openRegularFile(folder, name);
     if (fd < 0) return std::nullopt;
     std::string text(limit, '\0');
     std::size_t filled = 0;
@@ -120,7 +131,7 @@ void considerMapping(std::string_view line, const HeldNameMatcher& matcher, Hold
 }
 
 void scanMappings(int processFolder, const HeldNameMatcher& matcher, Holding& holding) {
-    int fd = openat(processFolder, "maps", O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+    int fd = openRegularFile(processFolder, "maps");
     if (fd < 0) return;
     constexpr std::size_t kChunk = 64 * 1024;
     std::string pending;
