@@ -2,17 +2,24 @@
 // how damage is kept for a person to look at, and the item index and journal built on them.
 #include <gtest/gtest.h>
 
+#include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <regex>
 #include <system_error>
 
 #include "Records/ItemIndex.h"
+#include "Records/ItemMarker.h"
 #include "Records/JSONCodec.h"
 #include "Records/OperationJournal.h"
+#include "Records/SharedState.h"
+#include "Records/StoredSecret.h"
 #include "TestSupport.h"
 
 namespace corvane {
@@ -102,6 +109,52 @@ std::string onlySetAsideFile(const std::string& folder, const std::string& name)
         !std::regex_match(names[0], stamped))
         return "";
     return folder + "/" + names[0];
+}
+
+// What `read` ended with, as one line ("returned X", "DecodingError", "system_error ENAME"), or
+// "still running" when it had not finished after ten seconds. It runs in a child process, so
+// that a read that blocks or never ends fails the test instead of stopping it.
+std::string outcomeWithin(const std::function<std::string()>& read) {
+    int fds[2];
+    if (pipe(fds) != 0) return "no pipe";
+    pid_t child = fork();
+    if (child == 0) {
+        close(fds[0]);
+        std::string outcome;
+        try {
+            outcome = "returned " + read();
+        } catch (const DecodingError&) {
+            outcome = "DecodingError";
+        } catch (const std::system_error& error) {
+            outcome = std::string("system_error ") + strerrorname_np(error.code().value());
+        }
+        (void)!write(fds[1], outcome.data(), outcome.size());
+        _exit(0);
+    }
+    close(fds[1]);
+    int status = 0;
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (waitpid(child, &status, WNOHANG) == 0) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            kill(child, SIGKILL);
+            waitpid(child, &status, 0);
+            close(fds[0]);
+            return "still running";
+        }
+        usleep(5000);
+    }
+    std::string outcome;
+    char buffer[4096];
+    for (ssize_t n; (n = ::read(fds[0], buffer, sizeof buffer)) > 0;)
+        outcome.append(buffer, static_cast<std::size_t>(n));
+    close(fds[0]);
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? outcome : "crashed";
+}
+
+// `text` padded with trailing spaces (still the same JSON) to exactly `size` bytes.
+std::string padded(std::string text, std::size_t size) {
+    text.resize(size, ' ');
+    return text;
 }
 
 // Sets TZ for one test and puts back what was there.
@@ -466,6 +519,114 @@ TEST(OperationJournal, AddKeepsOneEntryPerIdAndPutsItLast) {
     for (const char* key : {"lockedIdentity", "lockedAt", "deletingPath"})
         EXPECT_FALSE(written[0].contains(key)) << key;
     EXPECT_EQ(journal.load(), std::vector<JournalEntry>{bare});
+}
+
+TEST(JSONCodec, ReadersOpenOnlyRegularFilesUpToTheirLimit) {
+    const std::string marker = R"({"formatVersion":1,"kind":"folder","name":"Photos"})";
+    const std::string items = readFile(kData + "/items.json");
+    const std::size_t smallLimit = 64 << 10, engineLimit = 64 << 20;
+    struct Case {
+        const char* name;
+        std::function<void(const std::string& path, const std::string& valid)> make;
+        const char* marker;  // what ItemMarker::read gives
+        const char* index;   // what loading the item index gives
+    };
+    const Case cases[] = {
+        {"FIFO", [](auto& path, auto&) { mkfifo(path.c_str(), 0644); }, "returned nothing",
+         "system_error EINVAL"},
+        {"link to /dev/zero", [](auto& path, auto&) { symlink("/dev/zero", path.c_str()); },
+         "returned nothing", "system_error ELOOP"},
+        {"link to a valid record",
+         [](auto& path, auto& valid) {
+             writeFile(path + ".target", valid);
+             symlink((path + ".target").c_str(), path.c_str());
+         },
+         "returned nothing", "system_error ELOOP"},
+        {"directory", [](auto& path, auto&) { mkdir(path.c_str(), 0755); }, "returned nothing",
+         "system_error EISDIR"},
+        {"one byte over the limit",
+         [&](auto& path, auto& valid) {
+             writeFile(path, padded(valid, (valid == marker ? smallLimit : engineLimit) + 1));
+         },
+         "returned nothing", "returned damaged, set aside intact"},
+        {"marker at its limit, index within",
+         [&](auto& path, auto& valid) {
+             writeFile(path, valid == marker ? padded(valid, smallLimit) : valid);
+         },
+         "returned Photos", "returned 2 records"},
+    };
+    for (const auto& c : cases) {
+        TempDir dir;
+        c.make(dir / ".corvane-item.json", marker);
+        EXPECT_EQ(outcomeWithin([&] {
+                      auto read = ItemMarker::read(dir.path());
+                      return read ? read->name : "nothing";
+                  }),
+                  c.marker)
+            << "marker: " << c.name;
+
+        std::string folder = dir / "support";
+        ASSERT_EQ(mkdir(folder.c_str(), 0755), 0);
+        c.make(folder + "/items.json", items);
+        auto before = listing(folder);
+        EXPECT_EQ(outcomeWithin([&] {
+                      auto loaded = ItemIndex(folder + "/items.json").loadReportingDamage();
+                      if (!loaded.damaged) return std::to_string(loaded.items.size()) + " records";
+                      auto kept = onlySetAsideFile(folder, "items.json");
+                      bool intact =
+                          !kept.empty() && std::filesystem::file_size(kept) == engineLimit + 1;
+                      return std::string("damaged, set aside") + (intact ? " intact" : " badly");
+                  }),
+                  c.index)
+            << "index: " << c.name;
+        if (std::string(c.index).starts_with("system_error")) {
+            EXPECT_EQ(listing(folder), before) << "index: " << c.name;
+        }
+    }
+}
+
+TEST(JSONCodec, SmallRecordsAndTheirLimits) {
+    TempDir dir;
+    const std::string path = dir / "record";
+    auto read = [&](std::size_t limit) {
+        return outcomeWithin([&] { return JSONCodec::readIfPresent(path, limit).value(); });
+    };
+    writeFile(path, "0123456789");
+    EXPECT_EQ(read(10), "returned 0123456789");
+    EXPECT_EQ(read(9), "DecodingError");
+    EXPECT_EQ(read(0), "DecodingError");
+
+    for (auto make : {+[](const std::string& at) { mkfifo(at.c_str(), 0644); },
+                      +[](const std::string& at) { symlink("/dev/zero", at.c_str()); }}) {
+        TempDir each;
+        make(each / "state.json");
+        EXPECT_EQ(outcomeWithin(
+                      [&] { return SharedState::read(each / "state.json") ? "state" : "nothing"; }),
+                  "returned nothing");
+    }
+
+    const std::string secret = R"({"password":"pw","generation":1,"history":[]})";
+    EXPECT_EQ(StoredSecret::decode(padded(secret, 64 << 10)).password, "pw");
+    EXPECT_THROW(StoredSecret::decode(padded(secret, (64 << 10) + 1)), DecodingError);
+}
+
+TEST(ItemMarker, WriteNeitherFollowsALinkNorWaitsOnAFIFO) {
+    TempDir dir;
+    writeFile(dir / "outside", "untouched");
+    ASSERT_EQ(mkdir((dir / "linked").c_str(), 0755), 0);
+    ASSERT_EQ(symlink((dir / "outside").c_str(), (dir / "linked/.corvane-item.json").c_str()), 0);
+    ASSERT_EQ(mkdir((dir / "piped").c_str(), 0755), 0);
+    ASSERT_EQ(mkfifo((dir / "piped/.corvane-item.json").c_str(), 0644), 0);
+    ItemMarker marker(LockedItem::Kind::file, "a");
+    auto write = [&](const std::string& volume) {
+        return outcomeWithin([&] {
+            marker.write(volume);
+            return std::string("written");
+        });
+    };
+    EXPECT_EQ(write(dir / "linked"), "system_error ELOOP");
+    EXPECT_EQ(readFile(dir / "outside"), "untouched");
+    EXPECT_EQ(write(dir / "piped"), "system_error ENXIO");
 }
 
 }  // namespace

@@ -3,19 +3,27 @@
 // several threads come out.
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <functional>
 #include <set>
 #include <system_error>
+#include <thread>
 
 #include "FileSystem/FileWalk.h"
 #include "FileSystem/ProcessRunner.h"
 #include "FileSystem/TreeVerifier.h"
 #include "Records/CorvaneError.h"
+#include "Records/UTF8.h"
 #include "TestSupport.h"
 
 namespace corvane {
@@ -54,6 +62,48 @@ Paths differences(const std::string& original, const std::string& copy,
     for (const auto& mismatch : TreeVerifier::compare(original, copy, ignoring))
         lines.push_back(mismatch.description());
     return lines;
+}
+
+// What `action` ended with, as one line ("returned X", "copyFailed: …", "system_error ENAME"), or
+// "still running" when it had not finished after ten seconds. It runs in a child process, so
+// that a read that blocks fails the test instead of stopping it.
+std::string outcomeWithin(const std::function<std::string()>& action) {
+    int fds[2];
+    if (pipe(fds) != 0) return "no pipe";
+    pid_t child = fork();
+    if (child == 0) {
+        close(fds[0]);
+        std::string outcome;
+        try {
+            outcome = "returned " + action();
+        } catch (const CorvaneError& error) {
+            outcome = (error.errorCase() == CorvaneError::Case::copyFailed ? "copyFailed: "
+                                                                           : "CorvaneError: ") +
+                      error.errorDescription();
+        } catch (const std::system_error& error) {
+            outcome = std::string("system_error ") + strerrorname_np(error.code().value());
+        }
+        (void)!write(fds[1], outcome.data(), outcome.size());
+        _exit(0);
+    }
+    close(fds[1]);
+    int status = 0;
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (waitpid(child, &status, WNOHANG) == 0) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            kill(child, SIGKILL);
+            waitpid(child, &status, 0);
+            close(fds[0]);
+            return "still running";
+        }
+        usleep(5000);
+    }
+    std::string outcome;
+    char buffer[4096];
+    for (ssize_t n; (n = read(fds[0], buffer, sizeof buffer)) > 0;)
+        outcome.append(buffer, static_cast<std::size_t>(n));
+    close(fds[0]);
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? outcome : "crashed";
 }
 
 // a/ (b, c), b, d/ (e), link -> a, pipe (a fifo, which must never be opened).
@@ -146,6 +196,121 @@ TEST(FileWalk, UnreadableFolderIsReportedOnceWithItsProblem) {
         }
         return false;
     }));
+}
+
+// Names that are not UTF-8, or that decode alike: the bytes are the name.
+const std::string kOddNames[] = {
+    "R\xe9sum\xe9.txt",  // Latin-1
+    "a\xff",             // invalid, decodes to "a" U+FFFD
+    "a\xEF\xBF\xBD",     // "a" U+FFFD itself
+    "line\nbreak",
+    "back\\slash",
+    "folder\x80/inner\xC3",
+};
+
+TEST(FileWalk, NamesAreTheFileSystemsBytes) {
+    TempDir dir;
+    Paths expected;
+    for (const auto& name : kOddNames) {
+        writeFile(dir / name, name);
+        expected.push_back(name);
+    }
+    expected.push_back("folder\x80");
+    EXPECT_EQ(sorted(FileWalk::relativePaths(dir.path())), sorted(expected));
+
+    // Only the description is decoded, for display.
+    try {
+        FileWalk::relativePaths(dir / "gone\xff");
+        ADD_FAILURE() << "a missing root was walked";
+    } catch (const FileWalk::WalkError& error) {
+        EXPECT_EQ(error.path(), dir / "gone\xff");
+        EXPECT_EQ(error.description(), "Could not read gone\xEF\xBF\xBD.");
+    }
+}
+
+TEST(TreeVerifier, NamesAreComparedAndOpenedAsBytes) {
+    TempDir dir;
+    for (const auto& name : kOddNames) writeFile(dir / ("original/" + name), name);
+    ASSERT_EQ(ProcessRunner::run("/bin/cp", {"-a", dir / "original", dir / "copy"}).status, 0);
+    auto manifest = TreeVerifier::manifest(dir / "original", {});
+    for (const auto& name : kOddNames) EXPECT_EQ(manifest.count(name), 1u) << UTF8::lenient(name);
+    EXPECT_EQ(differences(dir / "original", dir / "copy"), Paths{});
+
+    // The copy lacks one of two names that decode alike, and another differs.
+    ASSERT_EQ(unlink((dir / "copy/a\xff").c_str()), 0);
+    writeFile(dir / "copy/line\nbreak", "LINE\nBREAK");
+    auto mismatches = TreeVerifier::compare(dir / "original", dir / "copy", {});
+    EXPECT_EQ(mismatches, (std::vector<TreeMismatch>{{"a\xff", "missing from copy"},
+                                                     {"line\nbreak", "content differs"}}));
+    EXPECT_EQ(differences(dir / "original", dir / "copy"),
+              (Paths{"a\xEF\xBF\xBD: missing from copy", "line\nbreak: content differs"}));
+
+    chmod((dir / "original/folder\x80").c_str(), 0700);
+    EXPECT_TRUE(passesAsUnprivilegedUser([&] {
+        return failsWith([&] { TreeVerifier::manifest(dir / "original", {}); },
+                         "copyFailed: Copying failed: Could not read folder\xEF\xBF\xBD");
+    }));
+}
+
+TEST(TreeVerifier, OnlyRegularFilesAreHashedAndNothingBlocks) {
+    TempDir dir;
+    writeFile(dir / "outside", "elsewhere");
+    mkfifo((dir / "pipe").c_str(), 0644);
+    symlink("pipe", (dir / "link to pipe").c_str());
+    symlink((dir / "outside").c_str(), (dir / "link to file").c_str());
+    mkdir((dir / "folder").c_str(), 0755);
+    const struct {
+        std::string name;
+        std::string expected;
+    } cases[] = {
+        {"pipe", "copyFailed: Copying failed: Could not read pipe"},
+        {"link to pipe", "system_error ELOOP"},
+        {"link to file", "system_error ELOOP"},
+        {"folder", "copyFailed: Copying failed: Could not read folder"},
+        {"outside", "returned " + TreeVerifier::digest(dir / "outside")},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(outcomeWithin([&] { return TreeVerifier::digest(dir / c.name); }), c.expected)
+            << c.name;
+    EXPECT_EQ(outcomeWithin([&] { return TreeVerifier::entry(dir / "pipe").text; }),
+              "returned fifo");
+}
+
+TEST(TreeVerifier, FileSwappedForAFIFOAfterTheWalkIsNotRead) {
+    TempDir dir;
+    for (int i = 0; i < 20; ++i) writeFile(dir / ("tree/f" + std::to_string(i)), "contents");
+    writeFile(dir / "tree/victim", "contents");
+    mkfifo((dir / "fifo").c_str(), 0644);
+    // The victim and the FIFO trade places, over and over, while manifests are made.
+    std::string outcome = outcomeWithin([&] {
+        std::atomic<bool> done{false};
+        std::thread swapper([&] {
+            while (!done)
+                renameat2(AT_FDCWD, (dir / "tree/victim").c_str(), AT_FDCWD, (dir / "fifo").c_str(),
+                          RENAME_EXCHANGE);
+        });
+        const std::string digest = TreeVerifier::digest(dir / "tree/f0");
+        int refused = 0;
+        std::string unexpected;
+        for (int i = 0; i < 300 && unexpected.empty(); ++i) {
+            try {
+                auto victim = TreeVerifier::manifest(dir / "tree", {}).at("victim");
+                if (victim != TreeVerifier::Entry::file(8, digest) &&
+                    victim != TreeVerifier::Entry::other("fifo"))
+                    unexpected = "entry " + victim.text;
+            } catch (const CorvaneError& error) {
+                if (error.errorDescription() == "Copying failed: Could not read victim")
+                    ++refused;
+                else
+                    unexpected = error.errorDescription();
+            }
+        }
+        done = true;
+        swapper.join();
+        fprintf(stderr, "refused %d times\n", refused);
+        return unexpected.empty() ? std::string("as expected") : unexpected;
+    });
+    EXPECT_EQ(outcome, "returned as expected");
 }
 
 TEST(TreeVerifier, DigestIsTheSHA256OfTheWholeFile) {

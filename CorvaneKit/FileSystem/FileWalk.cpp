@@ -20,7 +20,7 @@ std::string FileWalk::Entry::name() const {
 FileWalk::WalkError::WalkError(std::string path, int code)
     : path_(std::move(path)),
       code_(code),
-      description_("Could not read " + lastPathComponent(path_) + ".") {}
+      description_("Could not read " + UTF8::lenient(lastPathComponent(path_)) + ".") {}
 
 void FileWalk::walk(const std::string& root, const std::function<Next(const Entry&)>& visit) {
     // fts joins names to the root with one slash, reusing a slash the root already ends with.
@@ -49,8 +49,7 @@ void FileWalk::walk(const std::string& root, const std::function<Next(const Entr
                 }
         }
         std::string_view path(node->fts_path, node->fts_pathlen);
-        entry.relativePath =
-            UTF8::lenient(path.size() > prefix ? path.substr(prefix) : std::string_view());
+        entry.relativePath = path.size() > prefix ? path.substr(prefix) : std::string_view();
         bool hasStatus = node->fts_info != FTS_NS && node->fts_info != FTS_ERR;
         if (hasStatus) entry.info = *node->fts_statp;
         entry.isDirectory = node->fts_info == FTS_D || node->fts_info == FTS_DNR;

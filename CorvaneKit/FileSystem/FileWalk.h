@@ -15,9 +15,11 @@ namespace corvane {
 
 struct FileWalk {
     struct Entry {
-        std::string relativePath;  // below the root, no leading "/", UTF-8 (invalid bytes replaced)
-        struct stat info {};       // zeroed when it could not be had
-        bool isDirectory = false;  // also for a directory that could not be read
+        // Below the root, no leading "/": the name's bytes as the file system holds them, so that
+        // the entry can be opened again. Decode only to show it.
+        std::string relativePath;
+        struct stat info {};         // zeroed when it could not be had
+        bool isDirectory = false;    // also for a directory that could not be read
         std::optional<int> problem;  // the error number when the entry could not be examined
 
         std::string name() const;
@@ -30,7 +32,7 @@ struct FileWalk {
         WalkError(std::string path, int code);
         const std::string& path() const { return path_; }
         int code() const { return code_; }
-        // "Could not read NAME."
+        // "Could not read NAME.", the name decoded leniently; `path` keeps the raw bytes.
         const std::string& description() const { return description_; }
         const char* what() const noexcept override { return description_.c_str(); }
         bool operator==(const WalkError& other) const {

@@ -17,6 +17,7 @@
 #include "FileSystem/FileWalk.h"
 #include "Records/CorvaneError.h"
 #include "Records/Paths.h"
+#include "Records/UTF8.h"
 
 namespace corvane {
 
@@ -64,8 +65,57 @@ TreeVerifier::Entry entryWithoutDigest(const std::string& path, const struct sta
     return TreeVerifier::Entry::other(typeName(status.st_mode));
 }
 
+// "Could not read NAME", the name decoded for display only.
 std::string readFailure(const std::string& what) {
-    return "Could not read " + what;
+    return "Could not read " + UTF8::lenient(what);
+}
+
+// Closes a file descriptor however its reading ends.
+class Descriptor {
+public:
+    explicit Descriptor(int fd) : fd_(fd) {}
+    ~Descriptor() { close(fd_); }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+
+private:
+    int fd_;
+};
+
+// The SHA-256 of the regular file at `path`, shown as `shownAs` in errors. The file may have been
+// swapped since its status was read: a link is not followed, a FIFO is not waited on, and
+// anything but a regular file (or another file than `seen`, when given) is not read.
+std::string digestOf(const std::string& path, const std::string& shownAs, const struct stat* seen) {
+    int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY);
+    if (fd < 0) throwErrno(path);
+    Descriptor file(fd);
+    struct stat status {};
+    if (fstat(fd, &status) != 0) throwErrno(path);
+    if (!S_ISREG(status.st_mode) ||
+        (seen && (status.st_dev != seen->st_dev || status.st_ino != seen->st_ino)))
+        throw CorvaneError::copyFailed(readFailure(shownAs));
+
+    thread_local std::unique_ptr<char[]> buffer(new char[kReadSize]);
+    thread_local std::unique_ptr<EVP_MD_CTX, void (*)(EVP_MD_CTX*)> context(EVP_MD_CTX_new(),
+                                                                            EVP_MD_CTX_free);
+    EVP_DigestInit_ex(context.get(), EVP_sha256(), nullptr);
+    for (;;) {
+        ssize_t n = read(fd, buffer.get(), kReadSize);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) throwErrno(path);
+        if (n == 0) break;
+        EVP_DigestUpdate(context.get(), buffer.get(), static_cast<std::size_t>(n));
+    }
+    unsigned char sum[EVP_MAX_MD_SIZE];
+    unsigned int length = 0;
+    EVP_DigestFinal_ex(context.get(), sum, &length);
+    static constexpr char kDigits[] = "0123456789abcdef";
+    std::string hex;
+    for (unsigned i = 0; i < length; ++i) {
+        hex += kDigits[sum[i] >> 4];
+        hex += kDigits[sum[i] & 0x0F];
+    }
+    return hex;
 }
 
 // One entry of a manifest in walk order: recorded, or the error that stops the manifest there.
@@ -73,6 +123,7 @@ struct Step {
     std::string relativePath;
     TreeVerifier::Entry entry;
     std::exception_ptr error;
+    struct stat seen {};  // as the walk found it, so that a file swapped since is not read
 };
 
 // Fills in the digests of the files among `steps` on several threads. Returns the error that a
@@ -91,7 +142,8 @@ std::exception_ptr hashFiles(const std::string& root, std::vector<Step>& steps,
             Step& step = steps[files[k]];
             try {
                 if (cancel) cancel->check();
-                step.entry.text = TreeVerifier::digest(root + "/" + step.relativePath);
+                step.entry.text =
+                    digestOf(root + "/" + step.relativePath, step.relativePath, &step.seen);
             } catch (...) {
                 step.error = std::current_exception();
                 stop = true;  // nothing after the first failure can matter
@@ -114,41 +166,15 @@ std::exception_ptr hashFiles(const std::string& root, std::vector<Step>& steps,
 }  // namespace
 
 std::string TreeVerifier::digest(const std::string& path) {
-    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) throwErrno(path);
-    thread_local std::unique_ptr<char[]> buffer(new char[kReadSize]);
-    thread_local std::unique_ptr<EVP_MD_CTX, void (*)(EVP_MD_CTX*)> context(EVP_MD_CTX_new(),
-                                                                            EVP_MD_CTX_free);
-    EVP_DigestInit_ex(context.get(), EVP_sha256(), nullptr);
-    for (;;) {
-        ssize_t n = read(fd, buffer.get(), kReadSize);
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0) {
-            int error = errno;
-            close(fd);
-            throw std::system_error(error, std::generic_category(), path);
-        }
-        if (n == 0) break;
-        EVP_DigestUpdate(context.get(), buffer.get(), static_cast<std::size_t>(n));
-    }
-    close(fd);
-    unsigned char sum[EVP_MAX_MD_SIZE];
-    unsigned int length = 0;
-    EVP_DigestFinal_ex(context.get(), sum, &length);
-    static constexpr char kDigits[] = "0123456789abcdef";
-    std::string hex;
-    for (unsigned i = 0; i < length; ++i) {
-        hex += kDigits[sum[i] >> 4];
-        hex += kDigits[sum[i] & 0x0F];
-    }
-    return hex;
+    return digestOf(path, lastPathComponent(path), nullptr);
 }
 
 TreeVerifier::Entry TreeVerifier::entry(const std::string& path) {
     struct stat status {};
     if (lstat(path.c_str(), &status) != 0) throwErrno(path);
     Entry entry = entryWithoutDigest(path, status);
-    if (entry.kind == Entry::Kind::file) entry.text = digest(path);
+    if (entry.kind == Entry::Kind::file)
+        entry.text = digestOf(path, lastPathComponent(path), &status);
     return entry;
 }
 
@@ -174,7 +200,8 @@ TreeVerifier::Manifest TreeVerifier::manifest(const std::string& root,
                 return FileWalk::Next::skipDescendants;
             try {
                 if (found.problem) throw CorvaneError::copyFailed(readFailure(path));
-                steps.push_back({path, entryWithoutDigest(root + "/" + path, found.info), nullptr});
+                steps.push_back(
+                    {path, entryWithoutDigest(root + "/" + path, found.info), nullptr, found.info});
             } catch (...) {
                 stoppedAt = std::current_exception();
                 throw StopWalk{};

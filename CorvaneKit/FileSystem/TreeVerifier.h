@@ -36,7 +36,8 @@ struct TreeVerifier {
         bool operator==(const Entry&) const = default;
     };
 
-    // Relative path ("" for a root that is not a folder) to entry; std::map keeps code-point order.
+    // Relative path, in the file system's own bytes ("" for a root that is not a folder), to entry;
+    // std::map keeps byte order, which is code-point order for UTF-8 names.
     using Manifest = std::map<std::string, Entry>;
 
     // Every difference, in path order; empty when the trees are equal. The original is read
@@ -46,14 +47,17 @@ struct TreeVerifier {
                                              const CancelToken* cancel = nullptr);
 
     // Throws CorvaneError::copyFailed("Could not read …") for anything the walk could not
-    // examine, CorvaneError::cancelled(), or the file system's error for a file or link that could
-    // not be read.
+    // examine or a file that is no longer the regular file the walk found when it is opened,
+    // CorvaneError::cancelled(), or the file system's error for a file or link that could not be
+    // read (ELOOP for a file swapped for a link).
     static Manifest manifest(const std::string& root, const std::set<std::string>& ignoring,
                              const CancelToken* cancel = nullptr);
 
     static Entry entry(const std::string& path);
 
-    // 64 lower-case hexadecimal digits; read in pieces of at most 1 MiB.
+    // 64 lower-case hexadecimal digits; read in pieces of at most 1 MiB. Regular files only: a link
+    // is not followed (ELOOP) and a FIFO, device or folder is not read but fails with
+    // CorvaneError::copyFailed("Could not read NAME").
     static std::string digest(const std::string& path);
 
     // How many files are hashed at once; all cores unless set (benchmarks compare).

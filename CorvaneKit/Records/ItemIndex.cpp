@@ -20,7 +20,8 @@ bool exists(const std::string& path) {
 }  // namespace
 
 ItemIndex::Loaded ItemIndex::loadReportingDamage() const {
-    auto loaded = JSONCodec::loadArray<LockedItem>(fileURL_, LockedItem::fromJSON);
+    auto loaded = JSONCodec::loadArray<LockedItem>(fileURL_, LockedItem::fromJSON,
+                                                   JSONCodec::engineRecordLimit);
     return {std::move(loaded.records), loaded.damaged};
 }
 

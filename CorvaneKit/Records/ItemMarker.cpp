@@ -1,6 +1,7 @@
 #include "Records/ItemMarker.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -18,8 +19,16 @@ void ItemMarker::write(const std::string& volume) const {
     };
     std::string data = JSONCodec::encodeCompact(value);
     std::string path = volume + "/" + std::string(fileName);
-    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY,
+                  0666);
     if (fd < 0) throw std::system_error(errno, std::generic_category(), path);
+    struct stat status {};
+    int refusal = fstat(fd, &status) != 0 ? errno : S_ISREG(status.st_mode) ? 0 : EINVAL;
+    if (refusal == 0 && ftruncate(fd, 0) != 0) refusal = errno;
+    if (refusal != 0) {
+        close(fd);
+        throw std::system_error(refusal, std::generic_category(), path);
+    }
     std::size_t written = 0;
     while (written < data.size()) {
         ssize_t n = ::write(fd, data.data() + written, data.size() - written);
@@ -36,7 +45,8 @@ void ItemMarker::write(const std::string& volume) const {
 
 std::optional<ItemMarker> ItemMarker::read(const std::string& volume) {
     try {
-        auto text = JSONCodec::readIfPresent(volume + "/" + std::string(fileName));
+        auto text = JSONCodec::readIfPresent(volume + "/" + std::string(fileName),
+                                             JSONCodec::smallRecordLimit);
         if (!text) return std::nullopt;
         auto value = JSONCodec::decode(*text);
         JSONFields::object(value, "marker");

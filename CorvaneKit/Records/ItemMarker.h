@@ -21,10 +21,12 @@ struct ItemMarker {
 
     bool operator==(const ItemMarker&) const = default;
 
-    // Replaces any marker in the volume; failures throw as the file system reported them.
+    // Replaces any marker in the volume, never through a link or into anything but a regular
+    // file (ELOOP, EINVAL); failures throw as the file system reported them.
     void write(const std::string& volume) const;
 
-    // Nothing for a missing, unreadable or malformed marker.
+    // Nothing for a missing, unreadable, malformed or oversized marker, or for anything at its
+    // name that is not a regular file (a link, a FIFO, a folder): the volume may be hostile.
     static std::optional<ItemMarker> read(const std::string& volume);
 
     // Whether a name read from a marker may be used as one file name.

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <stdexcept>
@@ -177,27 +178,46 @@ void JSONCodec::writeAtomically(std::string_view data, const std::string& path) 
     writeReplacing(data, path, 0666, 0777);
 }
 
-std::optional<std::string> JSONCodec::readIfPresent(const std::string& path) {
-    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+std::optional<std::string> JSONCodec::readIfPresent(const std::string& path,
+                                                    std::size_t maximumSize) {
+    // Whatever is at the path may have been put there by someone else: a link is not followed,
+    // and a FIFO is opened without waiting for a writer, then refused.
+    int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
     if (fd < 0) {
         if (errno == ENOENT) return std::nullopt;
         throwErrno(path);
     }
+    auto fail = [&](int error) {
+        close(fd);
+        errno = error;
+        throwErrno(path);
+    };
+    struct stat status {};
+    if (fstat(fd, &status) != 0) fail(errno);
+    if (S_ISDIR(status.st_mode)) fail(EISDIR);
+    if (!S_ISREG(status.st_mode)) fail(EINVAL);
+
+    // Read one byte past the limit, so that a file that grew since fstat is still caught.
     std::string contents;
+    contents.reserve(
+        std::min<std::size_t>(static_cast<std::size_t>(std::max<off_t>(status.st_size, 0)),
+                              maximumSize) +
+        1);
     char buffer[65536];
-    for (;;) {
-        ssize_t n = read(fd, buffer, sizeof buffer);
+    while (contents.size() <= maximumSize) {
+        std::size_t room = maximumSize - contents.size();
+        std::size_t wanted = room >= sizeof buffer ? sizeof buffer : room + 1;
+        ssize_t n = read(fd, buffer, wanted);
         if (n < 0) {
             if (errno == EINTR) continue;
-            int saved = errno;
-            close(fd);
-            errno = saved;
-            throwErrno(path);
+            fail(errno);
         }
         if (n == 0) break;
         contents.append(buffer, static_cast<std::size_t>(n));
     }
     close(fd);
+    if (contents.size() > maximumSize)
+        throw DecodingError(path + " is larger than " + std::to_string(maximumSize) + " bytes");
     return contents;
 }
 

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -19,6 +20,11 @@
 namespace corvane {
 
 struct JSONCodec {
+    // The most a record may hold before it counts as damaged: the engine's own records (the item
+    // index, the journal), and the small ones (marker, shared state, password record).
+    static constexpr std::size_t engineRecordLimit = std::size_t(64) << 20;
+    static constexpr std::size_t smallRecordLimit = std::size_t(64) << 10;
+
     // The engine records' encoding: pretty-printed with two spaces and " : ", keys sorted, slashes
     // escaped as \/, no trailing line break. Throws std::invalid_argument for text that is not
     // UTF-8, which no reader could take back.
@@ -37,9 +43,12 @@ struct JSONCodec {
     // The same atomic replace with default permissions for the file and new directories.
     static void writeAtomically(std::string_view data, const std::string& path);
 
-    // The whole file, or nothing when no file is there. Other read failures throw
-    // std::system_error naming the path.
-    static std::optional<std::string> readIfPresent(const std::string& path);
+    // The whole file, or nothing when no file is there. Only a regular file is read: a link
+    // throws std::system_error ELOOP, a folder EISDIR, a FIFO, device or socket EINVAL (never
+    // waiting for a writer); other read failures throw the file system's error, all naming the
+    // path. A file larger than `maximumSize` throws DecodingError: it is damage, not a failure.
+    static std::optional<std::string> readIfPresent(const std::string& path,
+                                                    std::size_t maximumSize = engineRecordLimit);
 
     // Renames a damaged record to NAME.damaged-yyyyMMdd-HHmmss (then -2, -3 … when taken) in the
     // same folder and returns the new path. Never deletes; a failed rename throws and leaves the
@@ -47,8 +56,23 @@ struct JSONCodec {
     static std::string setAside(const std::string& path, std::chrono::system_clock::time_point now =
                                                              std::chrono::system_clock::now());
 
-    // Reads a record file holding a JSON array. An undecodable file is set aside and reads as
-    // empty; `damaged` then says so.
+    // The records of a JSON array of them. Anything else throws DecodingError, as does an element
+    // that `decodeOne` refuses with DecodingError or a JSON exception. Touches no file.
+    template <class Record, class Decode>
+    static std::vector<Record> decodeArray(std::string_view text, Decode decodeOne) {
+        try {
+            auto array = decode(text);
+            if (!array.is_array()) throw DecodingError("not an array");
+            std::vector<Record> records;
+            for (const auto& element : array) records.push_back(decodeOne(element));
+            return records;
+        } catch (const nlohmann::json::exception& error) {
+            throw DecodingError(error.what());
+        }
+    }
+
+    // Reads a record file holding a JSON array. An undecodable or oversized file is set aside and
+    // reads as empty; `damaged` then says so.
     template <class Record>
     struct Loaded {
         std::vector<Record> records;
@@ -56,22 +80,18 @@ struct JSONCodec {
     };
 
     template <class Record, class Decode>
-    static Loaded<Record> loadArray(const std::string& path, Decode decodeOne) {
-        auto text = readIfPresent(path);
-        if (!text) return {};
-        Loaded<Record> loaded;
+    static Loaded<Record> loadArray(const std::string& path, Decode decodeOne,
+                                    std::size_t maximumSize = engineRecordLimit) {
+        std::optional<std::vector<Record>> records;
         try {
-            auto array = decode(*text);
-            if (!array.is_array()) throw DecodingError("not an array");
-            for (const auto& element : array) loaded.records.push_back(decodeOne(element));
+            auto text = readIfPresent(path, maximumSize);
+            if (!text) return {};
+            records = decodeArray<Record>(*text, decodeOne);
         } catch (const DecodingError&) {
             setAside(path);
             return {{}, true};
-        } catch (const nlohmann::json::exception&) {
-            setAside(path);
-            return {{}, true};
         }
-        return loaded;
+        return {std::move(*records), false};
     }
 
     static void createDirectories(const std::string& path, mode_t mode);

@@ -5,7 +5,8 @@
 namespace corvane {
 
 OperationJournal::Loaded OperationJournal::loadReportingDamage() const {
-    auto loaded = JSONCodec::loadArray<JournalEntry>(fileURL_, JournalEntry::fromJSON);
+    auto loaded = JSONCodec::loadArray<JournalEntry>(fileURL_, JournalEntry::fromJSON,
+                                                     JSONCodec::engineRecordLimit);
     return {std::move(loaded.records), loaded.damaged};
 }
 

@@ -17,7 +17,7 @@ std::optional<std::string> SharedState::defaultURL() {
 std::optional<SharedState> SharedState::read(const std::optional<std::string>& path) {
     if (!path) return std::nullopt;
     try {
-        auto text = JSONCodec::readIfPresent(*path);
+        auto text = JSONCodec::readIfPresent(*path, JSONCodec::smallRecordLimit);
         if (!text) return std::nullopt;
         auto value = JSONCodec::decode(*text);
         JSONFields::object(value, "state");

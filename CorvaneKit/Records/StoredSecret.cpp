@@ -47,6 +47,8 @@ std::string StoredSecret::encode() const {
 }
 
 StoredSecret StoredSecret::decode(std::string_view text) {
+    // The keyring hands back whatever is stored under our name; a password record is small.
+    if (text.size() > JSONCodec::smallRecordLimit) throw DecodingError("password record too large");
     auto value = JSONCodec::decode(text);
     JSONFields::object(value, "password record");
     StoredSecret secret;
