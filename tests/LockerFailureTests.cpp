@@ -59,7 +59,8 @@ public:
         writer.reset();
         LockerFixture::TearDown();
         for (const auto& path : marked) ProcessRunner::run("/usr/bin/chattr", {"-i", "-a", path});
-        if (smallDisk) umount2(home.c_str(), MNT_DETACH);
+        for (auto place = mounted.rbegin(); place != mounted.rend(); ++place)
+            umount2(place->c_str(), MNT_DETACH);
     }
 
     // Sets a chattr mark, cleared again at the end; false where the file system has none.
@@ -69,10 +70,20 @@ public:
         return true;
     }
 
-    // Puts the home folder on a fresh tmpfs of `size`; false when mounting is not allowed.
-    bool mountSmallDisk(const std::string& size) {
-        if (mount("tmpfs", home.c_str(), "tmpfs", 0, ("size=" + size).c_str()) != 0) return false;
-        smallDisk = true;
+    // Puts a fresh tmpfs of `size` at `place` (the home folder by default); false when mounting
+    // is not allowed.
+    bool mountSmallDisk(const std::string& size, std::string place = "") {
+        if (place.empty()) place = home;
+        std::filesystem::create_directories(place);
+        if (mount("tmpfs", place.c_str(), "tmpfs", 0, ("size=" + size).c_str()) != 0) return false;
+        mounted.push_back(place);
+        return true;
+    }
+
+    bool bindMount(const std::string& source, const std::string& place) {
+        std::filesystem::create_directories(place);
+        if (mount(source.c_str(), place.c_str(), nullptr, MS_BIND, nullptr) != 0) return false;
+        mounted.push_back(place);
         return true;
     }
 
@@ -90,7 +101,7 @@ public:
 
     std::unique_ptr<BackgroundProcess> writer;
     std::vector<std::string> marked;
-    bool smallDisk = false;
+    std::vector<std::string> mounted;
 };
 
 // Refusals: each row arranges an item that must not be locked.
@@ -134,6 +145,40 @@ const RefusalCase kRefusals[] = {
      [](F& f, Locker&) -> Arranged {
          symlink("Taxes", (f.home + "/Shortcut").c_str());
          return Refusal{f.home + "/Shortcut", CorvaneError::refused(LockRefusal::shortcut)};
+     }},
+    {"SymlinkWithTrailingSlash",
+     [](F& f, Locker&) -> Arranged {
+         symlink("Taxes", (f.home + "/Shortcut").c_str());
+         return Refusal{f.home + "/Shortcut/", CorvaneError::refused(LockRefusal::shortcut)};
+     }},
+    {"NameNotText",
+     [](F& f, Locker&) -> Arranged {
+         writeFile(f.home + "/R\xe9sum\xe9/a.txt", "a");
+         return Refusal{f.home + "/R\xe9sum\xe9", CorvaneError::refused(LockRefusal::nameNotText)};
+     }},
+    {"MarkerNameAtTop",
+     [](F& f, Locker&) -> Arranged {
+         writeFile(f.home + "/Taxes/.corvane-item.json", "{}");
+         return Refusal{f.home + "/Taxes", CorvaneError::refused(LockRefusal::holdsReservedName),
+                        "This folder holds a file named .corvane-item.json or "
+                        ".metadata_never_index at its top, names Corvane keeps for itself. Rename "
+                        "or move that file, then try again."};
+     }},
+    {"NeverIndexNameAtTop",
+     [](F& f, Locker&) -> Arranged {
+         writeFile(f.home + "/Taxes/.metadata_never_index", "");
+         return Refusal{f.home + "/Taxes", CorvaneError::refused(LockRefusal::holdsReservedName)};
+     }},
+    {"BindMountInside",
+     [](F& f, Locker&) -> Arranged {
+         f.makeSample(f.home + "/Elsewhere");
+         if (!f.bindMount(f.home + "/Elsewhere", f.home + "/Taxes/2024/bound")) return std::nullopt;
+         return Refusal{f.home + "/Taxes", CorvaneError::containsMountedDisk("Taxes")};
+     }},
+    {"TmpfsDeepInside",
+     [](F& f, Locker&) -> Arranged {
+         if (!f.mountSmallDisk("1m", f.home + "/Taxes/2024/deep/scratch")) return std::nullopt;
+         return Refusal{f.home + "/Taxes", CorvaneError::containsMountedDisk("Taxes")};
      }},
     {"AppleDoubleName",
      [](F& f, Locker&) -> Arranged {
@@ -438,9 +483,12 @@ TEST_P(LockerFailureRestoreTest, LeavesTheItemLocked) {
     Locker locker = makeLocker();
     LockedItem item = locker.lock(home + "/Taxes", kPassword, 1);
     const Locker::Snapshot before = Locker::metadataSnapshot(item.lastKnownPath);
+    // The staging copy differs, and read-only folders in it must not keep it from being removed.
     if (tamper)
         locker.afterRestoreCopy = [](const std::string& staging) {
             std::ofstream(staging + "/notes 日本.txt", std::ios::app) << " changed";
+            chmod((staging + "/2024/deep").c_str(), 0500);
+            chmod((staging + "/2024").c_str(), 0555);
         };
 
     auto error = errorFrom(

@@ -4,10 +4,13 @@
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <system_error>
 #include <vector>
@@ -52,10 +55,30 @@ void clearMarks(int fd, const struct stat& status) {
     ioctl(fd, FS_IOC_SETFLAGS, &flags);
 }
 
-void removeEntry(int parent, const std::string& name, dev_t device, const std::string& shown);
+// Where an entry lives: a bind mount of the same file system has the same device, so the mount
+// is told by its own id.
+struct Place {
+    dev_t device;
+    std::uint64_t mount;
+};
+
+std::optional<Place> placeOf(int fd, const char* name, struct stat& status) {
+    struct statx extended {};
+    if (statx(fd, name, AT_SYMLINK_NOFOLLOW | (*name ? 0 : AT_EMPTY_PATH),
+              STATX_BASIC_STATS | STATX_MNT_ID, &extended) != 0)
+        return std::nullopt;
+    status = {};
+    status.st_dev = makedev(extended.stx_dev_major, extended.stx_dev_minor);
+    status.st_ino = extended.stx_ino;
+    status.st_mode = extended.stx_mode;
+    status.st_nlink = extended.stx_nlink;
+    return Place{status.st_dev, (extended.stx_mask & STATX_MNT_ID) ? extended.stx_mnt_id : 0};
+}
+
+void removeEntry(int parent, const std::string& name, const Place& place, const std::string& shown);
 
 void removeDirectory(int parent, const std::string& name, const struct stat& status,
-                     const std::string& shown) {
+                     const Place& place, const std::string& shown) {
     // Opened as a path first, so that a folder without read permission can be opened up through
     // the very descriptor that was checked.
     Descriptor handle(openat(parent, name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
@@ -86,22 +109,24 @@ void removeDirectory(int parent, const std::string& name, const struct stat& sta
         }
         if (errno != 0) throwErrno(errno, shown);
     }
-    for (const auto& child : names)
-        removeEntry(folder.get(), child, status.st_dev, shown + "/" + child);
+    for (const auto& child : names) removeEntry(folder.get(), child, place, shown + "/" + child);
     if (unlinkat(parent, name.c_str(), AT_REMOVEDIR) != 0 && errno != ENOENT)
         throwErrno(errno, shown);
 }
 
-void removeEntry(int parent, const std::string& name, dev_t device, const std::string& shown) {
+void removeEntry(int parent, const std::string& name, const Place& place,
+                 const std::string& shown) {
     struct stat status {};
-    if (fstatat(parent, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+    struct statx marks {};
+    auto entryPlace = placeOf(parent, name.c_str(), status);
+    if (!entryPlace) {
         if (errno == ENOENT) return;
         throwErrno(errno, shown);
     }
     // A mount inside is someone else's data: the deletion stops rather than reach into it.
-    if (status.st_dev != device) throwErrno(EXDEV, shown);
-    if (S_ISDIR(status.st_mode)) return removeDirectory(parent, name, status, shown);
-    struct statx marks {};
+    if (entryPlace->device != place.device || entryPlace->mount != place.mount)
+        throwErrno(EXDEV, shown);
+    if (S_ISDIR(status.st_mode)) return removeDirectory(parent, name, status, place, shown);
     bool marked = statx(parent, name.c_str(), AT_SYMLINK_NOFOLLOW, STATX_TYPE, &marks) == 0 &&
                   (marks.stx_attributes & (STATX_ATTR_IMMUTABLE | STATX_ATTR_APPEND)) != 0;
     if (marked && S_ISREG(status.st_mode)) {
@@ -178,7 +203,10 @@ void Folder::synchronize() const {
 
 void Folder::removeOwnedTree(const std::string& name) const {
     confirmIdentity();
-    removeEntry(fd_, name, device_, path_ + "/" + name);
+    struct stat status {};
+    auto place = placeOf(fd_, "", status);
+    if (!place) throwErrno(errno, path_);
+    removeEntry(fd_, name, *place, path_ + "/" + name);
     if (fsync(fd_) != 0) throwErrno(errno, path_);
 }
 

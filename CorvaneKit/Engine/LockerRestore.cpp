@@ -47,15 +47,20 @@ void refuseAnythingButTheFile(const std::string& volume, const std::string& name
     if (lstat((volume + "/" + name).c_str(), &status) != 0 || !S_ISREG(status.st_mode))
         throw CorvaneError::diskImage("the locked item is damaged: its file " +
                                       UTF8::lenient(name) + " is missing.");
-    std::vector<TreeMismatch> extras;
+    std::vector<std::string> extras;
     for (const auto& entry : std::filesystem::directory_iterator(volume)) {
         std::string entryName = entry.path().filename();
         if (entryName != name && !VolumeLayout::housekeeping().count(entryName))
-            extras.push_back({entryName, "added beside the locked file; move it out first"});
+            extras.push_back(UTF8::lenient(entryName));
     }
-    std::sort(extras.begin(), extras.end(),
-              [](const TreeMismatch& a, const TreeMismatch& b) { return a.path < b.path; });
-    if (!extras.empty()) throw CorvaneError::restoreVerificationFailed(extras);
+    std::sort(extras.begin(), extras.end());
+    if (!extras.empty())
+        throw CorvaneError::copyFailed(
+            "besides " + UTF8::lenient(name) + ", the locked item holds " +
+            CorvaneError::list(extras) +
+            ", added while it was open, which would be lost. Unlock it, move " +
+            (extras.size() == 1 ? "that" : "those") +
+            " out, then try again. The item is still locked.");
 }
 
 // The copy of the volume's top brought the volume's own entries and its private mode along: they

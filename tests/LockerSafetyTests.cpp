@@ -1,0 +1,277 @@
+// What the engine must never do, each tried on real files, mounts and gocryptfs images: delete
+// what it did not verify, reach through a swapped folder or into another mount, lose a name it
+// cannot decode or a file it did not expect, or leave plaintext or an open image behind.
+#include <gtest/gtest.h>
+
+#include <poll.h>
+#include <sys/inotify.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+#include "Engine/Locker.h"
+#include "LockerFixture.h"
+#include "Records/ItemMarker.h"
+#include "Records/Paths.h"
+#include "TestSupport.h"
+
+namespace corvane {
+namespace {
+
+using testing::errorFrom;
+using testing::listing;
+using testing::permissions;
+using testing::readFile;
+using testing::writeFile;
+using Names = std::vector<std::string>;
+
+const std::string kPassword = "locker safety password";
+
+class LockerSafetyTest : public testing::LockerFixture {
+public:
+    void TearDown() override {
+        for (auto place = mounted.rbegin(); place != mounted.rend(); ++place)
+            umount2(place->c_str(), MNT_DETACH);
+        LockerFixture::TearDown();
+    }
+
+    bool bindMount(const std::string& source, const std::string& place) {
+        std::filesystem::create_directories(place);
+        if (mount(source.c_str(), place.c_str(), nullptr, MS_BIND, nullptr) != 0) return false;
+        mounted.push_back(place);
+        return true;
+    }
+
+    // A copy of `folder` beside the pristine sample, to compare a restored item with.
+    std::string keepCopy(const std::string& folder) {
+        std::string copy = pristine + "/before " + lastPathComponent(folder);
+        ProcessRunner::run("/bin/cp", {"-a", folder, copy});
+        return copy;
+    }
+
+    bool identical(const std::string& a, const std::string& b) {
+        auto mismatches = TreeVerifier::compare(a, b, {});
+        for (const auto& mismatch : mismatches) ADD_FAILURE() << mismatch.description();
+        return mismatches.empty();
+    }
+
+    std::vector<std::string> mounted;
+};
+
+TEST_F(LockerSafetyTest, TheNewCopyIsFlushedBeforeTheOtherGoes) {
+    Locker locker = makeLocker();
+    std::vector<Names> atFlush;
+    locker.flushVolume = [&](const Folder& folder) {
+        atFlush.push_back(listing(home));
+        folder.synchronize();
+    };
+    LockedItem item = locker.lock(home + "/Taxes", kPassword, 1);
+    locker.removeLock(item.lastKnownPath, kPassword);
+    // Both copies are in place at each flush: the original beside the image, then the restored
+    // folder beside the image.
+    EXPECT_EQ(atFlush,
+              (std::vector<Names>{{"Taxes", "Taxes.corvlock"}, {"Taxes", "Taxes.corvlock"}}));
+}
+
+TEST_F(LockerSafetyTest, FolderSwappedForALinkMidwayLosesNothing) {
+    const std::string project = home + "/shared/proj", victim = home + "/victim";
+    std::filesystem::create_directories(project);
+    std::filesystem::rename(home + "/Taxes", project + "/Taxes");
+    makeSample(victim + "/Taxes");
+    Locker locker = makeLocker();
+
+    // As soon as the locked item appears, someone with write access above swaps the folder.
+    int watch = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
+    ASSERT_GE(inotify_add_watch(watch, project.c_str(), IN_MOVED_TO), 0);
+    std::atomic<bool> swapped{false};
+    std::jthread swapper([&](std::stop_token stop) {
+        alignas(inotify_event) char buffer[4096];
+        while (!swapped && !stop.stop_requested()) {
+            pollfd ready{watch, POLLIN, 0};
+            ssize_t n = poll(&ready, 1, 50) == 1 ? read(watch, buffer, sizeof buffer) : 0;
+            for (char* at = buffer; at < buffer + std::max<ssize_t>(n, 0);) {
+                auto* event = reinterpret_cast<inotify_event*>(at);
+                if (event->len && std::string(event->name) == "Taxes.corvlock") {
+                    std::filesystem::rename(project, project + ".old");
+                    std::filesystem::create_directory_symlink(victim, project);
+                    swapped = true;
+                }
+                at += sizeof(inotify_event) + event->len;
+            }
+        }
+    });
+    locker.flushVolume = [&](const Folder& folder) {
+        for (int i = 0; i < 1000 && !swapped; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        folder.synchronize();
+    };
+
+    auto error = errorFrom([&] { locker.lock(project + "/Taxes", kPassword, 1); });
+    swapper.request_stop();
+    swapper.join();
+    close(watch);
+    ASSERT_TRUE(swapped);
+    ASSERT_TRUE(error);
+    EXPECT_TRUE(*error == CorvaneError::lockedButOriginalRemains("Taxes"))
+        << error->errorDescription();
+    EXPECT_TRUE(sameAsPristine(victim + "/Taxes")) << "the other folder was touched";
+    EXPECT_TRUE(sameAsPristine(project + ".old/Taxes")) << "the original went unconfirmed";
+    EXPECT_EQ(listing(project + ".old"), (Names{"Taxes", "Taxes.corvlock"}));
+}
+
+TEST_F(LockerSafetyTest, DotDotGoesWhereTheKernelGoes) {
+    std::filesystem::create_directories(home + "/wn/a/b");
+    makeSample(home + "/wn/a/target");
+    makeSample(home + "/wn/target");
+    std::filesystem::create_directory_symlink(home + "/wn/a/b", home + "/wn/lnk");
+    Locker locker = makeLocker();
+
+    EXPECT_EQ(locker.lock(home + "/wn/lnk/../target", kPassword, 1).lastKnownPath,
+              home + "/wn/a/target.corvlock");
+    EXPECT_TRUE(sameAsPristine(home + "/wn/target"));
+}
+
+TEST_F(LockerSafetyTest, TreeRemovalOpensReadOnlyFoldersButStopsAtAMount) {
+    makeSample(home + "/Kept");
+    writeFile(home + "/Gone/closed/inner/file", "x");
+    chmod((home + "/Gone/closed/inner").c_str(), 0);
+    chmod((home + "/Gone/closed").c_str(), 0500);
+    Locker::removeOwnedTree(home + "/Gone");
+    EXPECT_FALSE(std::filesystem::exists(home + "/Gone"));
+
+    writeFile(home + "/Work/own.txt", "own");
+    if (!bindMount(home + "/Kept", home + "/Work/bound")) GTEST_SKIP() << "bind mounts need root";
+    EXPECT_THROW(Locker::removeOwnedTree(home + "/Work"), std::system_error);
+    EXPECT_TRUE(sameAsPristine(home + "/Kept")) << "the removal reached into a mount";
+}
+
+TEST_F(LockerSafetyTest, EveryNameAndEveryModeComesBackExactly) {
+    const std::string item = home + "/Taxes";
+    for (const char* name : {".DS_Store", ".Trashes/x", ".fseventsd/y", ".Spotlight-V100",
+                             ".TemporaryItems", ".DocumentRevisions-V100", "R\xe9sum\xe9.txt",
+                             "a\xff", "a\xEF\xBF\xBD", "line\nbreak", "back\\slash"})
+        writeFile(item + "/" + name, std::string("content of ") + name);
+    writeFile(item + "/closed/inner/secret.txt", "secret");
+    chmod((item + "/closed/inner/secret.txt").c_str(), 0444);
+    chmod((item + "/closed/inner").c_str(), 0500);
+    chmod((item + "/closed").c_str(), 0555);
+    chmod(item.c_str(), 0555);
+    const bool keepsAttributes = setxattr(item.c_str(), "user.corvane-test", "kept", 4, 0) == 0;
+    const struct timespec times[2] = {{1577836800, 0}, {1577836800, 0}};
+    utimensat(AT_FDCWD, item.c_str(), times, 0);
+    const std::string before = keepCopy(item);
+    Locker locker = makeLocker();
+
+    LockedItem locked = locker.lock(item, kPassword, 1);
+    EXPECT_EQ(permissions(locked.lastKnownPath), 0700u) << "others could list the encrypted tree";
+    std::string restored = locker.removeLock(locked.lastKnownPath, kPassword);
+    ASSERT_EQ(restored, item);
+    EXPECT_TRUE(identical(before, restored));
+    for (const char* path : {"", "/closed", "/closed/inner", "/closed/inner/secret.txt"})
+        EXPECT_EQ(permissions(restored + path), permissions(before + path)) << path;
+    struct stat status {};
+    ASSERT_EQ(stat(restored.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mtim.tv_sec, 1577836800);
+    char value[16] = {};
+    if (keepsAttributes) {
+        EXPECT_EQ(getxattr(restored.c_str(), "user.corvane-test", value, sizeof value), 4);
+        EXPECT_STREQ(value, "kept");
+    }
+}
+
+TEST_F(LockerSafetyTest, ManyTopLevelEntriesRestore) {
+    // Long names, so that a command line naming every entry would pass the kernel's limit.
+    const std::string item = home + "/Many";
+    std::filesystem::create_directories(item);
+    for (int i = 0; i < 7000; ++i)
+        writeFile(item + "/" + std::string(240, 'n') + std::to_string(i), "");
+    Locker locker = makeLocker();
+    LockedItem locked = locker.lock(item, kPassword, 1);
+    std::string restored = locker.removeLock(locked.lastKnownPath, kPassword);
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(restored), {}), 7000);
+}
+
+TEST_F(LockerSafetyTest, FilesAddedBesideALockedFileKeepItLocked) {
+    writeFile(home + "/report.txt", "report");
+    Locker locker = makeLocker();
+    LockedItem item = locker.lock(home + "/report.txt", kPassword, 1);
+    OpenItem open = locker.unlock(item.lastKnownPath, kPassword);
+    writeFile(open.mountPoint + "/notes.txt", "added while open");
+    locker.relock(open, false);
+
+    auto error = errorFrom([&] { locker.removeLock(item.lastKnownPath, kPassword); });
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->errorDescription(),
+              "Copying failed: besides report.txt, the locked item holds notes.txt, added while it "
+              "was open, which would be lost. Unlock it, move that out, then try again. The item "
+              "is still locked.");
+    EXPECT_EQ(listing(home), (Names{"Taxes", "report.corvlock"}));
+    EXPECT_EQ(locker.index.load(), std::vector<LockedItem>{item});
+}
+
+TEST_F(LockerSafetyTest, DamagedOrHostileImagesAreNeverRestoredOrFollowed) {
+    Locker locker = makeLocker();
+    writeFile(home + "/report.txt", "report");
+    LockedItem file = locker.lock(home + "/report.txt", kPassword, 1);
+    LockedItem folder = locker.lock(home + "/Taxes", kPassword, 1);
+    const Names locked = listing(home);
+
+    // A marker that is a FIFO is no marker: opening must not wait for a writer.
+    OpenItem open = locker.unlock(folder.lastKnownPath, kPassword);
+    unlink((open.mountPoint + "/.corvane-item.json").c_str());
+    mkfifo((open.mountPoint + "/.corvane-item.json").c_str(), 0600);
+    locker.relock(open, false);
+    EXPECT_EQ(locker.unlock(folder.lastKnownPath, kPassword).name, "Taxes");
+    locker.relock(locker.openItems().at(0), false);
+
+    // A file item whose marker names a link to a folder elsewhere.
+    open = locker.unlock(file.lastKnownPath, kPassword);
+    std::filesystem::create_directory_symlink(home + "/Taxes.corvlock", open.mountPoint + "/x");
+    unlink((open.mountPoint + "/.corvane-item.json").c_str());
+    ItemMarker(LockedItem::Kind::file, "x").write(open.mountPoint);
+    locker.relock(open, false);
+    auto followed = errorFrom([&] { locker.removeLock(file.lastKnownPath, kPassword); });
+    ASSERT_TRUE(followed);
+    EXPECT_EQ(followed->errorCase(), CorvaneError::Case::diskImage) << followed->errorDescription();
+
+    // An image without its configuration, as a half-deleted one would be.
+    std::filesystem::remove(folder.lastKnownPath + "/gocryptfs.conf");
+    for (bool restore : {false, true}) {
+        auto damaged = errorFrom([&] {
+            restore ? void(locker.removeLock(folder.lastKnownPath, kPassword))
+                    : void(locker.unlock(folder.lastKnownPath, kPassword));
+        });
+        ASSERT_TRUE(damaged);
+        EXPECT_EQ(damaged->errorCase(), CorvaneError::Case::diskImage);
+    }
+    EXPECT_EQ(listing(home), locked);
+    EXPECT_TRUE(ourMounts().empty());
+    EXPECT_TRUE(listing(locker.mountsRoot).empty()) << "a failed unlock left its mount point";
+    EXPECT_TRUE(locker.journal.load().empty());
+}
+
+TEST_F(LockerSafetyTest, AnImageThatCannotBeDeletedNeverKeepsItsName) {
+    Locker locker = makeLocker();
+    LockedItem item = locker.lock(home + "/Taxes", kPassword, 1);
+    // A mount inside the image stops its deletion partway.
+    if (!bindMount(pristine, item.lastKnownPath + "/zz")) GTEST_SKIP() << "bind mounts need root";
+
+    EXPECT_THROW(locker.removeLock(item.lastKnownPath, kPassword), std::system_error);
+    auto entries = locker.journal.load();
+    ASSERT_EQ(entries.size(), 1u);
+    const std::string deleting = home + "/.corvane-" + entries[0].id.string() + ".deleting";
+    EXPECT_EQ(entries[0].deletingPath, deleting);
+    EXPECT_EQ(listing(home), (Names{lastPathComponent(deleting), "Taxes"}));
+    EXPECT_TRUE(sameAsPristine(home + "/Taxes"));
+    EXPECT_EQ(readFile(pristine + "/Taxes/notes 日本.txt"), "notes") << "the deletion crossed";
+    umount2((deleting + "/zz").c_str(), MNT_DETACH);
+    mounted.clear();
+}
+
+}  // namespace
+}  // namespace corvane
