@@ -32,8 +32,6 @@ namespace corvane {
 
 namespace {
 
-constexpr double kWritersTimeout = 10.0;
-
 bool isAtOrBelow(const std::string& path, const std::string& folder) {
     return path == folder ||
            (path.size() > folder.size() && path.starts_with(folder) && path[folder.size()] == '/');
@@ -207,7 +205,8 @@ LockedItem Locker::lock(const std::string& path, const std::string& password,
     if (auto available = availableSpace(parentPath); available && *available < needed)
         throw CorvaneError::notEnoughSpace(needed, *available);
 
-    auto writers = OpenFiles::writerNames(OpenFiles::holders(item, kWritersTimeout));
+    // Read from /proc, as lsof would, but without visiting every file of the item.
+    auto writers = OpenFiles::writerNames(OpenFiles::holdersFromProc(item));
     if (!writers.empty()) throw CorvaneError::inUse(writers);
     // The last chance to cancel before the disk is touched; later the copy and verify notice it.
     if (cancel && cancel->isCancelled()) throw CorvaneError::cancelled();

@@ -57,7 +57,12 @@ ItemFacts ItemFacts::inspect(const std::string& path) {
     facts.isSymlink = S_ISLNK(status.st_mode);
 
     std::string real = facts.isSymlink ? standardizedPath(path) : realPath(path);
-    auto mounts = MountTable::read();
+    std::vector<MountEntry> mounts;
+    try {
+        mounts = MountTable::read();
+    } catch (const std::exception&) {
+        // Without the table the item's own device still tells a mount point.
+    }
     facts.isVolumeRoot = isMountPoint(real, status, mounts);
     if (auto mount = MountTable::containing(mounts, real, status.st_dev)) {
         const auto& network = LinuxDesktop::networkFileSystems;
