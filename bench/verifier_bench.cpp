@@ -1,5 +1,7 @@
 // Times the tree verifier's manifest of a folder, and makes the folders it is timed on.
-//   corvane-verifier-bench generate DIR COUNT BYTES   COUNT files of BYTES random bytes in DIR
+//   corvane-verifier-bench generate DIR COUNT BYTES [PER-FOLDER]
+//                                     COUNT files of BYTES random bytes in DIR, PER-FOLDER (1000
+//                                     unless given) to each sub-folder
 //   corvane-verifier-bench manifest DIR THREADS RUNS  best seconds of RUNS manifests
 #include <fcntl.h>
 #include <sys/random.h>
@@ -17,7 +19,7 @@
 
 namespace {
 
-int generate(const std::string& folder, long count, long bytes) {
+int generate(const std::string& folder, long count, long bytes, long perFolder) {
     std::filesystem::create_directories(folder);
     std::vector<char> data(static_cast<std::size_t>(bytes));
     for (long i = 0; i < count; ++i) {
@@ -25,7 +27,7 @@ int generate(const std::string& folder, long count, long bytes) {
         if (i < 64) getrandom(data.data(), data.size(), 0);
         data[static_cast<std::size_t>(i) % data.size()] ^= static_cast<char>(i);
         char name[64];
-        std::snprintf(name, sizeof name, "/%03ld/f%06ld", i / 1000, i);
+        std::snprintf(name, sizeof name, "/%03ld/f%06ld", i / perFolder, i);
         std::string path = folder + name;
         std::filesystem::create_directories(std::filesystem::path(path).parent_path());
         int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
@@ -52,9 +54,13 @@ int manifest(const std::string& folder, unsigned threads, int runs) {
 
 int main(int argc, char** argv) {
     std::vector<std::string> args(argv + 1, argv + argc);
-    if (args.size() == 4 && args[0] == "generate") return generate(args[1], std::stol(args[2]), std::stol(args[3]));
+    if ((args.size() == 4 || args.size() == 5) && args[0] == "generate") {
+        long perFolder = args.size() == 5 ? std::stol(args[4]) : 1000;
+        if (perFolder < 1) perFolder = 1;
+        return generate(args[1], std::stol(args[2]), std::stol(args[3]), perFolder);
+    }
     if (args.size() == 4 && args[0] == "manifest")
         return manifest(args[1], static_cast<unsigned>(std::stoul(args[2])), std::stoi(args[3]));
-    std::fprintf(stderr, "usage: corvane-verifier-bench generate DIR COUNT BYTES | manifest DIR THREADS RUNS\n");
+    std::fprintf(stderr, "usage: corvane-verifier-bench generate DIR COUNT BYTES [PER-FOLDER] | manifest DIR THREADS RUNS\n");
     return 2;
 }
