@@ -1,3 +1,4 @@
+// The sentences the user sees: errors, byte counts and what the application is busy with.
 #include <gtest/gtest.h>
 
 #include "Records/Activity.h"
@@ -11,10 +12,11 @@ std::vector<TreeMismatch> mismatches(int count) {
     return std::vector<TreeMismatch>(static_cast<std::size_t>(count), TreeMismatch{"a", "differs"});
 }
 
-TEST(CorvaneError, EveryCaseHasItsSentence) {
+TEST(CorvaneError, EveryCaseHasItsSentenceInBothWordings) {
     struct Row {
         CorvaneError error;
-        const char* message;
+        const char* linuxDesktop;
+        const char* macOS = nullptr;  // where it differs
     };
     const Row rows[] = {
         {CorvaneError::notEnoughSpace(1'200'000'000, 350'000'000),
@@ -54,65 +56,50 @@ TEST(CorvaneError, EveryCaseHasItsSentence) {
         {CorvaneError::needsAllLocked(), "Lock every unlocked item first."},
         {CorvaneError::changedWhileLocking(),
          "The item changed while it was being locked, so nothing was changed. Try again."},
-    };
-    for (const auto& row : rows) {
-        EXPECT_EQ(row.error.errorDescription(), row.message);
-        EXPECT_STREQ(row.error.what(), row.message);
-    }
-}
-
-TEST(CorvaneError, PlatformSentencesExistInBothWordings) {
-    struct Row {
-        CorvaneError error;
-        const char* macOS;
-        const char* linuxDesktop;
-    };
-    const Row rows[] = {
-        {CorvaneError::diskImage("bad"), "macOS could not open the locked item: bad",
-         "The system could not open the locked item: bad"},
+        {CorvaneError::diskImage("bad"), "The system could not open the locked item: bad",
+         "macOS could not open the locked item: bad"},
         {CorvaneError::finderLocked("Taxes"),
-         "Taxes is marked Locked in Finder. Choose File > Get Info, untick Locked, then try again.",
-         "Taxes is marked immutable or append-only. Clear the mark (chattr -i -a), then try again."},
+         "Taxes is marked immutable or append-only. Clear the mark (chattr -i -a), then try again.",
+         "Taxes is marked Locked in Finder. Choose File > Get Info, untick Locked, then try again."},
         {CorvaneError::containsFinderLocked("Taxes"),
-         "Taxes contains files marked Locked in Finder. Choose File > Get Info, untick Locked, then try again.",
-         "Taxes contains files marked immutable or append-only. Clear the mark (chattr -i -a), then try again."},
+         "Taxes contains files marked immutable or append-only. Clear the mark (chattr -i -a), then try again.",
+         "Taxes contains files marked Locked in Finder. Choose File > Get Info, untick Locked, then try again."},
         {CorvaneError::refused(LockRefusal::systemLocation),
-         "Corvane does not lock macOS system folders.", "Corvane does not lock system folders."},
+         "Corvane does not lock system folders.", "Corvane does not lock macOS system folders."},
         {CorvaneError::refused(LockRefusal::libraryFolder),
-         "Corvane does not lock items in your Library folder, because apps rely on them.",
-         "Corvane does not lock your .config, .local or .cache folders, because apps rely on them."},
+         "Corvane does not lock your .config, .local or .cache folders, because apps rely on them.",
+         "Corvane does not lock items in your Library folder, because apps rely on them."},
     };
-    for (const auto& row : rows) {
-        EXPECT_EQ(row.error.message(Wording::macOS), row.macOS);
-        EXPECT_EQ(row.error.message(Wording::linuxDesktop), row.linuxDesktop);
-        EXPECT_EQ(row.error.errorDescription(), row.linuxDesktop) << "this build runs on Linux";
+    for (const auto& [error, linuxDesktop, macOS] : rows) {
+        SCOPED_TRACE(linuxDesktop);
+        EXPECT_EQ(error.errorDescription(), linuxDesktop) << "wrong sentence in this Linux build";
+        EXPECT_STREQ(error.what(), linuxDesktop) << "what() differs from the description";
+        EXPECT_EQ(error.message(Wording::linuxDesktop), linuxDesktop) << "wrong Linux wording";
+        EXPECT_EQ(error.message(Wording::macOS), macOS ? macOS : linuxDesktop)
+            << "wrong macOS wording";
     }
 }
 
 TEST(CorvaneError, LockedNoticeOnlyWhenLockingSucceeded) {
-    auto remains = CorvaneError::lockedButOriginalRemains("Taxes").lockedNotice();
-    ASSERT_TRUE(remains);
-    EXPECT_EQ(remains->title, "The unlocked original is still there");
-    EXPECT_EQ(remains->message, CorvaneError::lockedButOriginalRemains("Taxes").errorDescription());
-
-    auto unfinished = CorvaneError::lockedButRemovalUnfinished("Taxes").lockedNotice();
-    ASSERT_TRUE(unfinished);
-    EXPECT_EQ(unfinished->title, "Taxes is locked");
     EXPECT_EQ(
-        unfinished->message,
-        "Corvane could not finish removing the unlocked original. It will finish next time it opens.");
-
+        CorvaneError::lockedButOriginalRemains("Taxes").lockedNotice(),
+        (CorvaneError::Notice{"The unlocked original is still there",
+                              CorvaneError::lockedButOriginalRemains("Taxes").errorDescription()}));
+    EXPECT_EQ(
+        CorvaneError::lockedButRemovalUnfinished("Taxes").lockedNotice(),
+        (CorvaneError::Notice{
+            "Taxes is locked",
+            "Corvane could not finish removing the unlocked original. It will finish next time it opens."}));
     for (const auto& other :
          {CorvaneError::cancelled(), CorvaneError::hardLinked("Taxes"),
           CorvaneError::refused(LockRefusal::shortcut), CorvaneError::inUse({})})
-        EXPECT_FALSE(other.lockedNotice()) << other.errorDescription();
+        EXPECT_FALSE(other.lockedNotice())
+            << "a notice for a failure: " << other.errorDescription();
 }
 
 TEST(CorvaneError, ListJoinsWithoutCommaBeforeAnd) {
     EXPECT_EQ(CorvaneError::list({}), "");
     EXPECT_EQ(CorvaneError::list({"Mail"}), "Mail");
-    EXPECT_EQ(CorvaneError::list({"Mail", "Preview"}), "Mail and Preview");
-    EXPECT_EQ(CorvaneError::list({"Mail", "Preview", "Pages"}), "Mail, Preview and Pages");
     EXPECT_EQ(CorvaneError::list({"A", "B", "C", "D"}), "A, B, C and D");
 }
 
@@ -134,13 +121,18 @@ TEST(ByteCount, FileSizeStyleInDecimalUnits) {
         {-1'500'000, "-1.5 MB"},
         {INT64_MIN, "-9223.37 PB"},
     };
-    for (const auto& [bytes, text] : rows) EXPECT_EQ(ByteCount::file(bytes), text) << bytes;
+    for (const auto& [bytes, text] : rows)
+        EXPECT_EQ(ByteCount::file(bytes), text) << "wrong unit, rounding or sign for " << bytes;
 }
 
 TEST(Activity, RunningWorkIsNamedOldestFirst) {
     Activity activity;
-    EXPECT_TRUE(activity.isIdle());
-    EXPECT_FALSE(activity.passwordChangeRefusal());
+    EXPECT_TRUE(activity.isIdle()) << "new activity is busy";
+    EXPECT_FALSE(activity.passwordChangeRefusal()) << "refused while idle";
+    EXPECT_EQ(Activity::quitQuestion(activity.descriptions()),
+              "Corvane is still working. Quit when it finishes?");
+    EXPECT_EQ(Activity::passwordChangeRefusal(std::vector<std::string>{}),
+              "Wait until Corvane finishes, then try again.");
 
     Uuid recovering = activity.begin("finishing interrupted work");
     Uuid locking = activity.begin("locking Taxes");
@@ -151,7 +143,7 @@ TEST(Activity, RunningWorkIsNamedOldestFirst) {
         "Corvane is still finishing interrupted work and locking Taxes. Quit when it finishes?");
 
     activity.beginQuitting();
-    EXPECT_FALSE(activity.acceptsNewWork());
+    EXPECT_FALSE(activity.acceptsNewWork()) << "new work accepted while quitting";
     EXPECT_EQ(
         activity.passwordChangeRefusal(),
         "Wait until Corvane finishes finishing interrupted work and locking Taxes, then try again.")
@@ -160,18 +152,13 @@ TEST(Activity, RunningWorkIsNamedOldestFirst) {
     activity.end(recovering);
     activity.end(recovering);
     activity.end(Uuid::random());
-    EXPECT_EQ(activity.descriptions(), std::vector<std::string>{"locking Taxes"});
+    EXPECT_EQ(activity.descriptions(), std::vector<std::string>{"locking Taxes"})
+        << "ending twice or an unknown id removed other work";
     activity.end(locking);
     EXPECT_EQ(activity.passwordChangeRefusal(),
               "Corvane is quitting, so it cannot start anything new.");
     activity.cancelQuitting();
-    EXPECT_FALSE(activity.passwordChangeRefusal());
-}
-
-TEST(Activity, SentencesWithoutDescriptions) {
-    EXPECT_EQ(Activity::quitQuestion({}), "Corvane is still working. Quit when it finishes?");
-    EXPECT_EQ(Activity::passwordChangeRefusal(std::vector<std::string>{}),
-              "Wait until Corvane finishes, then try again.");
+    EXPECT_FALSE(activity.passwordChangeRefusal()) << "still refused after quitting was cancelled";
 }
 
 }  // namespace

@@ -24,6 +24,7 @@ static void PrintTo(const CorvaneError& error, std::ostream* out) {
 namespace {
 
 using testing::BackgroundProcess;
+using testing::errorFrom;
 using testing::readFile;
 using testing::TempDir;
 using testing::writeFile;
@@ -65,29 +66,30 @@ public:
     DiskImageTool tool{script};
 };
 
-template <typename Operation>
-std::optional<CorvaneError> thrown(Operation operation) {
-    try {
-        operation();
-    } catch (const CorvaneError& error) {
-        return error;
-    }
-    return std::nullopt;
-}
-
-TEST(DiskImageTool, CreatePassesThePasswordOnlyOnItsInput) {
+TEST(DiskImageTool, PasswordsTravelOnlyOnInput) {
     StandIn hdiutil;
     const std::string password = "two words \"double\" 'single' Grüße 日本";
     const std::string image = hdiutil.dir / "Tax Papers.sparsebundle";
+    const std::string mountPoint = hdiutil.dir / "Open/Tax Papers";
     hdiutil.tool.create(image, "Tax Papers", password);
+    hdiutil.tool.attach(image, mountPoint, password, false);
+    hdiutil.tool.attach(image, mountPoint, password, true);
+    hdiutil.tool.changePassword(image, "a", "b");
     EXPECT_EQ(hdiutil.args(1),
               (Args{"create", "-size", "2t", "-type", "SPARSEBUNDLE", "-fs", "APFS", "-encryption",
                     "AES-256", "-stdinpass", "-volname", "Tax Papers", "-quiet", image}));
-    EXPECT_EQ(hdiutil.stdinOf(1), password) << "no line feed after it";
+    EXPECT_EQ(hdiutil.args(2), (Args{"attach", "-stdinpass", "-nobrowse", "-noautoopen",
+                                     "-mountpoint", mountPoint, image}));
+    EXPECT_EQ(hdiutil.args(3), (Args{"attach", "-stdinpass", "-nobrowse", "-noautoopen",
+                                     "-mountpoint", mountPoint, "-readonly", image}));
+    EXPECT_EQ(hdiutil.args(4), (Args{"chpass", "-oldstdinpass", "-newstdinpass", image}));
+    for (int n : {1, 2, 3})
+        EXPECT_EQ(hdiutil.stdinOf(n), password) << "run " << n << " altered the password on stdin";
+    EXPECT_EQ(hdiutil.stdinOf(4), std::string("a\0b\0", 4)) << "chpass wants both, NUL-ended";
 
     // Creating checks no password, so even this is only the tool's report.
-    hdiutil.reply(2, "hdiutil: create failed - Authentication error\n", 1);
-    EXPECT_EQ(thrown([&] { hdiutil.tool.create(image, "Tax Papers", password); }),
+    hdiutil.reply(5, "hdiutil: create failed - Authentication error\n", 1);
+    EXPECT_EQ(errorFrom([&] { hdiutil.tool.create(image, "Tax Papers", password); }),
               CorvaneError::diskImage("create failed - Authentication error"));
 }
 
@@ -97,23 +99,6 @@ TEST(DiskImageToolDeathTest, CreateMakesOnlySparseBundles) {
     DiskImageTool tool("/nonexistent/hdiutil");
     for (const char* image : {"/tmp/Taxes.dmg", "/tmp/Taxes.sparsebundle.tmp", "/tmp/sparsebundle"})
         EXPECT_DEATH(tool.create(image, "Taxes", "pw"), "sparse bundles") << image;
-}
-
-TEST(DiskImageTool, AttachAndChangePasswordCommandLines) {
-    StandIn hdiutil;
-    const std::string image = hdiutil.dir / "A.sparsebundle";
-    const std::string mountPoint = hdiutil.dir / "Open/Tax Papers";
-    hdiutil.tool.attach(image, mountPoint, "pass word", false);
-    hdiutil.tool.attach(image, mountPoint, "pass word", true);
-    hdiutil.tool.changePassword(image, "a", "b");
-    EXPECT_EQ(hdiutil.args(1), (Args{"attach", "-stdinpass", "-nobrowse", "-noautoopen",
-                                     "-mountpoint", mountPoint, image}));
-    EXPECT_EQ(hdiutil.args(2), (Args{"attach", "-stdinpass", "-nobrowse", "-noautoopen",
-                                     "-mountpoint", mountPoint, "-readonly", image}));
-    EXPECT_EQ(hdiutil.stdinOf(1), "pass word");
-    EXPECT_EQ(hdiutil.stdinOf(2), "pass word");
-    EXPECT_EQ(hdiutil.args(3), (Args{"chpass", "-oldstdinpass", "-newstdinpass", image}));
-    EXPECT_EQ(hdiutil.stdinOf(3), std::string("a\0b\0", 4));
 }
 
 TEST(DiskImageTool, PasswordCheckingFailures) {
@@ -126,12 +111,14 @@ TEST(DiskImageTool, PasswordCheckingFailures) {
         {"", 1, CorvaneError::diskImage("")},
     };
     for (const auto& [output, status, expected] : rows) {
+        SCOPED_TRACE(output);
         StandIn hdiutil;
         hdiutil.reply(1, output, status);
         hdiutil.reply(2, output, status);
-        EXPECT_EQ(thrown([&] { hdiutil.tool.attach("/i", "/m", "pw", false); }), expected)
-            << output;
-        EXPECT_EQ(thrown([&] { hdiutil.tool.changePassword("/i", "a", "b"); }), expected) << output;
+        EXPECT_EQ(errorFrom([&] { hdiutil.tool.attach("/i", "/m", "pw", false); }), expected)
+            << "attach misread the tool's answer";
+        EXPECT_EQ(errorFrom([&] { hdiutil.tool.changePassword("/i", "a", "b"); }), expected)
+            << "chpass misread the tool's answer";
     }
 }
 
@@ -145,7 +132,7 @@ TEST(DiskImageTool, CleanMakesOneLineWithoutTheToolsName) {
         {" \n\t\n", ""},
     };
     for (const auto& [output, expected] : rows)
-        EXPECT_EQ(DiskImageTool::clean(output), expected) << output;
+        EXPECT_EQ(DiskImageTool::clean(output), expected) << "badly cleaned: " << output;
 }
 
 TEST(DiskImageTool, AttachedImagesFromTheInfoPropertyList) {
@@ -175,27 +162,28 @@ TEST(DiskImageTool, AttachedImagesFromTheInfoPropertyList) {
     // clang-format on
     EXPECT_EQ(
         hdiutil.tool.attachedImages(),
-        (std::vector<AttachedImage>{{a, "/Volumes/Grüße & Co"}, {b, "/m/one"}, {b, "/m/two"}}));
+        (std::vector<AttachedImage>{{a, "/Volumes/Grüße & Co"}, {b, "/m/one"}, {b, "/m/two"}}))
+        << "images or mount points lost, unresolved or unescaped";
     EXPECT_EQ(hdiutil.args(1), (Args{"info", "-plist"}));
-    EXPECT_EQ(hdiutil.stdinOf(1), "");
+    EXPECT_EQ(hdiutil.stdinOf(1), "") << "info needs no input";
 
     const auto unlistable = CorvaneError::diskImage("Could not list mounted disk images.");
-    const std::tuple<std::string, int, std::optional<CorvaneError>> failures[] = {
+    const std::tuple<std::string, int, std::optional<CorvaneError>> answers[] = {
         {"hdiutil: no property list\n", 0, unlistable},
         {"<plist version=\"1.0\"><dict/></plist>", 0, unlistable},  // no XML declaration
         {xml + "<plist version=\"1.0\"><dict><key>images</key><arr", 0, unlistable},
         {xml + "<plist version=\"1.0\"><array/></plist>", 0, unlistable},
         {"hdiutil: info failed - x\n", 1, CorvaneError::diskImage("info failed - x")},
+        {xml + "<plist version=\"1.0\"><dict/></plist>\n", 0, std::nullopt},  // none attached
     };
-    for (const auto& [output, status, expected] : failures) {
-        StandIn failing;
-        failing.reply(1, output, status);
-        EXPECT_EQ(thrown([&] { failing.tool.attachedImages(); }), expected) << output;
+    for (const auto& [output, status, expected] : answers) {
+        StandIn other;
+        other.reply(1, output, status);
+        std::vector<AttachedImage> images;
+        EXPECT_EQ(errorFrom([&] { images = other.tool.attachedImages(); }), expected)
+            << "misread answer: " << output;
+        EXPECT_TRUE(images.empty()) << "images from nowhere: " << output;
     }
-
-    StandIn none;
-    none.reply(1, xml + "<plist version=\"1.0\"><dict/></plist>\n", 0);
-    EXPECT_EQ(none.tool.attachedImages(), std::vector<AttachedImage>{});
 }
 
 Args detachArgs(const std::string& mountPoint, bool force) {
@@ -205,22 +193,24 @@ Args detachArgs(const std::string& mountPoint, bool force) {
 }
 
 TEST(DiskImageTool, DetachRetriesOnlyWhileBusy) {
-    const std::pair<const char*, int> busy[] = {
-        {"hdiutil: couldn't unmount disk4 - Resource busy\n", 1}, {"", 16}, {"Resource busy", 0}};
-    for (const auto& [output, status] : busy) {
+    const std::tuple<const char*, int, std::optional<CorvaneError>> rows[] = {
+        {"hdiutil: couldn't unmount disk4 - Resource busy\n", 1, std::nullopt},
+        {"", 16, std::nullopt},
+        {"Resource busy", 0, std::nullopt},
+        {"hdiutil: some error\n", 1, CorvaneError::diskImage("some error")},
+    };
+    for (const auto& [output, status, expected] : rows) {
+        SCOPED_TRACE(output);
         StandIn hdiutil;
         hdiutil.reply(1, output, status);
-        hdiutil.tool.detach("/Volumes/Tax Papers", false);
-        ASSERT_EQ(hdiutil.runs(), 2) << output;
-        for (int n : {1, 2}) EXPECT_EQ(hdiutil.args(n), detachArgs("/Volumes/Tax Papers", false));
-        EXPECT_EQ(hdiutil.stdinOf(1) + hdiutil.stdinOf(2), "");
+        EXPECT_EQ(errorFrom([&] { hdiutil.tool.detach("/Volumes/Tax Papers", false); }), expected);
+        const int runs = expected ? 1 : 2;
+        ASSERT_EQ(hdiutil.runs(), runs) << "busy must be tried again, any other failure not";
+        for (int n = 1; n <= runs; ++n) {
+            EXPECT_EQ(hdiutil.args(n), detachArgs("/Volumes/Tax Papers", false));
+            EXPECT_EQ(hdiutil.stdinOf(n), "") << "detach needs no input";
+        }
     }
-
-    StandIn failing;
-    failing.reply(1, "hdiutil: some error\n", 1);
-    EXPECT_EQ(thrown([&] { failing.tool.detach("/Volumes/Tax Papers", false); }),
-              CorvaneError::diskImage("some error"));
-    EXPECT_EQ(failing.runs(), 1);
 }
 
 // Three busy answers, each to the same command line; then what detach threw.
@@ -229,20 +219,21 @@ std::optional<CorvaneError> detachWhileBusy(StandIn& hdiutil, const std::string&
     hdiutil.reply(1, "hdiutil: couldn't unmount disk4 - Resource busy\n", 1);
     hdiutil.reply(2, "", 16);
     hdiutil.reply(3, "Resource busy\n", 0);
-    auto error = thrown([&] { hdiutil.tool.detach(volume, force); });
-    for (int n : {1, 2, 3}) EXPECT_EQ(hdiutil.args(n), detachArgs(volume, force));
+    auto error = errorFrom([&] { hdiutil.tool.detach(volume, force); });
+    for (int n : {1, 2, 3})
+        EXPECT_EQ(hdiutil.args(n), detachArgs(volume, force)) << "try " << n << " changed";
     return error;
 }
 
 TEST(DiskImageTool, StillBusyWithUnknownHoldersPausesBetweenTries) {
-    EXPECT_EQ(DiskImageTool().busyPause, std::chrono::milliseconds(500));
     StandIn hdiutil;
     hdiutil.tool.busyPause = std::chrono::milliseconds(150);
     hdiutil.tool.lsofPath = hdiutil.dir / "no-lsof";
     auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(detachWhileBusy(hdiutil, hdiutil.dir.path(), false), CorvaneError::inUse({}));
-    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(300));
-    EXPECT_EQ(hdiutil.runs(), 3);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(300))
+        << "tries must be spaced by the pause";
+    EXPECT_EQ(hdiutil.runs(), 3) << "unknown holders must not lead to a forced detach";
 }
 
 TEST(DiskImageTool, StillBusyTheHoldersDecide) {
@@ -257,7 +248,7 @@ TEST(DiskImageTool, StillBusyTheHoldersDecide) {
         auto process = std::make_unique<BackgroundProcess>(
             Args{"/bin/sh", "-c", "exec 3" + redirection + "\"$1\"; exec \"$2\" 60", "sh", notes,
                  program});
-        EXPECT_TRUE(process->waitUntilHolding(notes));
+        EXPECT_TRUE(process->waitUntilHolding(notes)) << program << " never opened the file";
         return process;
     };
     auto indexer = holder("<", root / "tracker-miner-fs-3");
@@ -267,21 +258,17 @@ TEST(DiskImageTool, StillBusyTheHoldersDecide) {
         {
             auto writer = holder(">>", "/bin/sleep");
             EXPECT_EQ(detachWhileBusy(withWriter, volume, false), CorvaneError::inUse({"sleep"}))
-                << "writers come first";
+                << "writers must be named first";
         }
         EXPECT_EQ(detachWhileBusy(withReader, volume, false), CorvaneError::inUse({"viewer"}))
             << "then other readers";
-        EXPECT_EQ(withWriter.runs() + withReader.runs(), 6) << "no forced detach";
+        EXPECT_EQ(withWriter.runs() + withReader.runs(), 6) << "forced detach past a real holder";
     }
 
     // Only the indexer is left.
-    const struct {
-        bool force;
-        bool systemProgram;  // else its real program, which lies in a temporary folder
-        const char* forcedOutput;
-        int forcedStatus;
-        std::optional<CorvaneError> expected;
-    } rows[] = {
+    const std::tuple<bool, bool, const char*, int, std::optional<CorvaneError>> rows[] = {
+        // force asked, indexer is the system's program (else one in a temporary folder), then
+        // the forced detach's answer and what detach ends with.
         {false, true, "", 0, std::nullopt},
         {false, true, "hdiutil: detach failed\n", 1, CorvaneError::diskImage("detach failed")},
         // A forced detach that is still busy is reported, not tried again.
@@ -289,19 +276,19 @@ TEST(DiskImageTool, StillBusyTheHoldersDecide) {
         {true, true, "", 0, CorvaneError::inUse({})},
         {false, false, "", 0, CorvaneError::inUse({})},
     };
-    for (const auto& row : rows) {
+    for (const auto& [force, systemProgram, forcedOutput, forcedStatus, expected] : rows) {
+        SCOPED_TRACE(::testing::Message() << force << systemProgram << forcedOutput);
         StandIn hdiutil;
-        hdiutil.reply(4, row.forcedOutput, row.forcedStatus);
-        if (row.systemProgram)
+        hdiutil.reply(4, forcedOutput, forcedStatus);
+        if (systemProgram)
             hdiutil.tool.executablePathOf = [](pid_t) -> std::optional<std::string> {
                 return "/usr/libexec/tracker-miner-fs-3";
             };
-        EXPECT_EQ(detachWhileBusy(hdiutil, volume, row.force), row.expected)
-            << row.force << row.systemProgram << row.forcedOutput;
-        const bool forced = !row.force && row.systemProgram;
-        ASSERT_EQ(hdiutil.runs(), forced ? 4 : 3);
+        EXPECT_EQ(detachWhileBusy(hdiutil, volume, force), expected);
+        const bool forced = !force && systemProgram;
+        ASSERT_EQ(hdiutil.runs(), forced ? 4 : 3) << "forced only past a system indexer alone";
         if (forced) {
-            EXPECT_EQ(hdiutil.args(4), detachArgs(volume, true));
+            EXPECT_EQ(hdiutil.args(4), detachArgs(volume, true)) << "the forced detach's command";
         }
     }
 }

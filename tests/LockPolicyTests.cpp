@@ -1,12 +1,13 @@
+// Which items may be locked, on real paths and from given facts; the facts and paths it relies on.
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
-#include <sys/sysmacros.h>
 #include <unistd.h>
+
+#include <tuple>
 
 #include "FileSystem/ItemFacts.h"
 #include "FileSystem/LockPolicy.h"
-#include "FileSystem/MountTable.h"
 #include "Records/Paths.h"
 #include "TestSupport.h"
 
@@ -123,20 +124,19 @@ TEST(LockPolicy, SystemLocationsAndFacts) {
         {"/var/lib/corvane-open/Taxes", LockRefusal::insideUnlockedItem},
     };
     for (const auto& [path, expected] : rows)
-        EXPECT_EQ(policy.refusal(path, present), expected) << path;
+        EXPECT_EQ(policy.refusal(path, present), expected) << "wrong refusal for " << path;
 
-    auto with = [&](auto change) {
-        ItemFacts facts = present;
-        change(facts);
-        return policy.refusal("/run/media/alice/USB", facts);
+    const auto maxBytes = LockPolicy::maxBytes;
+    const std::tuple<const char*, ItemFacts, std::optional<LockRefusal>> facts[] = {
+        {"volume root", {true, false, true, false, 4096}, LockRefusal::volumeRoot},
+        {"network volume root", {true, false, true, true, 4096}, LockRefusal::networkVolume},
+        {"at the size limit", {true, false, false, false, maxBytes}, std::nullopt},
+        {"over the size limit", {true, false, false, false, maxBytes + 1}, LockRefusal::tooLarge},
+        {"missing, though a link", {false, true, false, false, 0}, LockRefusal::doesNotExist},
     };
-    EXPECT_EQ(with([](ItemFacts& f) { f.isVolumeRoot = true; }), LockRefusal::volumeRoot);
-    EXPECT_EQ(with([](ItemFacts& f) { f.isVolumeRoot = f.isNetworkVolume = true; }),
-              LockRefusal::networkVolume);
-    EXPECT_EQ(with([](ItemFacts& f) { f.size = LockPolicy::maxBytes; }), std::nullopt);
-    EXPECT_EQ(with([](ItemFacts& f) { f.size = LockPolicy::maxBytes + 1; }), LockRefusal::tooLarge);
-    EXPECT_EQ(with([](ItemFacts& f) { f.exists = false, f.isSymlink = true; }),
-              LockRefusal::doesNotExist);
+    for (const auto& [label, itemFacts, expected] : facts)
+        EXPECT_EQ(policy.refusal("/run/media/alice/USB", itemFacts), expected)
+            << "wrong refusal for an item " << label;
     EXPECT_EQ(policy.refusal("/var/log", {true, true, false, false, 0}), LockRefusal::shortcut)
         << "a link is a shortcut wherever it stands";
 }
@@ -211,28 +211,6 @@ TEST(Paths, RealPathResolvesTheDeepestExistingAncestor) {
 
     EXPECT_EQ(pathComponents("/a/b c/d"), (std::vector<std::string>{"/", "a", "b c", "d"}));
     EXPECT_EQ(lastPathComponent("/"), "");
-}
-
-TEST(MountTable, ParsesMountinfoLines) {
-    auto mounts = MountTable::parse(
-        "22 1 8:1 / / rw,relatime shared:1 - ext4 /dev/sda1 rw\n"
-        "40 22 0:45 / /home/a/My\\040Drive rw,nosuid shared:20 master:3 - fuse.sshfs a@host:/ rw\n"
-        "41 22 0:46 / /home/a/.local/share/corvane/Open/\\346\\227\\245 rw - fuse.gocryptfs /home/a/X.corvlock rw\n"
-        "garbage line\n");
-    ASSERT_EQ(mounts.size(), 3u);
-    EXPECT_EQ(mounts[1].mountPoint, "/home/a/My Drive");
-    EXPECT_EQ(mounts[1].fileSystemType, "fuse.sshfs");
-    EXPECT_EQ(mounts[1].device, makedev(0, 45));
-    EXPECT_EQ(mounts[2].mountPoint, "/home/a/.local/share/corvane/Open/\xE6\x97\xA5");
-    EXPECT_EQ(mounts[2].source, "/home/a/X.corvlock");
-
-    EXPECT_EQ(
-        MountTable::containing(mounts, "/home/a/My Drive/doc", makedev(0, 45))->fileSystemType,
-        "fuse.sshfs");
-    EXPECT_EQ(MountTable::containing(mounts, "/home/a/My Drivel", makedev(8, 1))->fileSystemType,
-              "ext4");
-    EXPECT_FALSE(MountTable::containing(mounts, "/home/a/My Drivel", makedev(0, 45)));
-    EXPECT_EQ(MountTable::unescape("a\\134b\\12"), "a\\b\\12") << "only whole three-digit escapes";
 }
 
 }  // namespace

@@ -1,3 +1,4 @@
+// Password length, strength and the migration message; the stored secret and its history.
 #include <gtest/gtest.h>
 
 #include "Records/JSONFields.h"
@@ -21,23 +22,22 @@ TEST(PasswordRules, LengthCountsWhatTheUserSees) {
         {"\r\n", 1},
     };
     for (const auto& [text, count] : rows)
-        EXPECT_EQ(PasswordRules::characterCount(text), count) << text;
+        EXPECT_EQ(PasswordRules::characterCount(text), count) << "miscounted " << text;
 }
 
 TEST(PasswordRules, ProblemOnlyBelowEightCharacters) {
-    EXPECT_EQ(PasswordRules::problem("seven77"), "Use at least 8 characters.");
-    EXPECT_EQ(PasswordRules::problem(""), "Use at least 8 characters.");
-    EXPECT_FALSE(PasswordRules::problem("eight888"));
-    std::string eightEmoji;
-    for (int i = 0; i < 8; ++i) eightEmoji += "\xF0\x9F\x91\x8D\xF0\x9F\x8F\xBD";
-    EXPECT_FALSE(PasswordRules::problem(eightEmoji))
-        << "eight emoji are eight characters, not 64 bytes";
-    EXPECT_EQ(PasswordRules::problem("e\xCC\x81"
-                                     "e\xCC\x81"
-                                     "e\xCC\x81"
-                                     "abcd"),
-              "Use at least 8 characters.")
-        << "seven characters although ten code points";
+    const std::string thumbsUp = "\xF0\x9F\x91\x8D\xF0\x9F\x8F\xBD",
+                      tooShort = "Use at least 8 characters.";
+    const std::pair<std::string, std::optional<std::string>> rows[] = {
+        {"seven77", tooShort},
+        {"", tooShort},
+        {"eight888", std::nullopt},
+        {thumbsUp + thumbsUp + thumbsUp + thumbsUp + thumbsUp + thumbsUp + thumbsUp + thumbsUp,
+         std::nullopt},                           // 64 bytes, eight characters
+        {"e\u0301e\u0301e\u0301abcd", tooShort},  // ten code points, seven characters
+    };
+    for (const auto& [password, problem] : rows)
+        EXPECT_EQ(PasswordRules::problem(password), problem) << "length misjudged for " << password;
 }
 
 TEST(PasswordRules, StrengthTable) {
@@ -60,24 +60,25 @@ TEST(PasswordRules, StrengthTable) {
         {"abcdefg\xF0\x9F\x91\x8D", Strength::fair},  // an emoji is "other"
     };
     for (const auto& [password, strength] : rows)
-        EXPECT_EQ(PasswordRules::strength(password), strength) << password;
+        EXPECT_EQ(PasswordRules::strength(password), strength) << "misjudged " << password;
 }
 
 TEST(PasswordRules, StillMigratingMessageNamesAtMostThree) {
-    const std::string advice =
-        "Find or unlock them, or choose Forget in the list if they are gone, then try again. Forgetting is safe: "
-        "Corvane keeps your earlier passwords, so a forgotten item still opens if it turns up.";
-    EXPECT_EQ(PasswordRules::stillMigratingMessage({}),
-              "Corvane is still moving some items to your current password. " + advice);
-    EXPECT_EQ(
-        PasswordRules::stillMigratingMessage({"A", "B", "C"}),
-        "Corvane is still moving these items to your current password: A, B and C. " + advice);
-    EXPECT_EQ(PasswordRules::stillMigratingMessage({"A", "B", "C", "D"}),
-              "Corvane is still moving these items to your current password: A, B, C and 1 more. " +
-                  advice);
-    EXPECT_EQ(PasswordRules::stillMigratingMessage({"A", "B", "C", "D", "E", "F", "G"}),
-              "Corvane is still moving these items to your current password: A, B, C and 4 more. " +
-                  advice);
+    const std::string
+        moving = "Corvane is still moving ",
+        advice =
+            "Find or unlock them, or choose Forget in the list if they are gone, then try again. Forgetting is safe: "
+            "Corvane keeps your earlier passwords, so a forgotten item still opens if it turns up.";
+    const std::pair<std::vector<std::string>, std::string> rows[] = {
+        {{}, "some items to your current password. "},
+        {{"A", "B", "C"}, "these items to your current password: A, B and C. "},
+        {{"A", "B", "C", "D"}, "these items to your current password: A, B, C and 1 more. "},
+        {{"A", "B", "C", "D", "E", "F", "G"},
+         "these items to your current password: A, B, C and 4 more. "},
+    };
+    for (const auto& [names, middle] : rows)
+        EXPECT_EQ(PasswordRules::stillMigratingMessage(names), moving + middle + advice)
+            << "wrong names or count for " << names.size() << " items";
 }
 
 TEST(StoredSecret, ChangesKeepEveryEarlierPasswordOnce) {
