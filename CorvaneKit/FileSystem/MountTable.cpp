@@ -1,17 +1,35 @@
 #include "FileSystem/MountTable.h"
 
+#include <fcntl.h>
 #include <sys/sysmacros.h>
+#include <unistd.h>
 
-#include <fstream>
+#include <cerrno>
 #include <sstream>
+#include <system_error>
 
 namespace corvane {
 
 std::vector<MountEntry> MountTable::read(const std::string& path) {
-    std::ifstream file(path);
-    std::stringstream text;
-    text << file.rdbuf();
-    return parse(text.str());
+    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) throw std::system_error(errno, std::generic_category(), path);
+    // A /proc file reports size 0 and fills as it is read, so read to the end, within the cap.
+    std::string text;
+    char buffer[65536];
+    for (;;) {
+        ssize_t count = ::read(fd, buffer, sizeof buffer);
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0 || text.size() + static_cast<std::size_t>(count) > maximumBytes) {
+            int error = count < 0 ? errno : EFBIG;
+            close(fd);
+            // A table cut short could list a mount point cut short; refuse it whole.
+            throw std::system_error(error, std::generic_category(), path);
+        }
+        if (count == 0) break;
+        text.append(buffer, static_cast<std::size_t>(count));
+    }
+    close(fd);
+    return parse(text);
 }
 
 std::vector<MountEntry> MountTable::parse(std::string_view text) {

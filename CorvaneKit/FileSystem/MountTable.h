@@ -1,4 +1,5 @@
-// The mounts this process sees, from /proc/self/mountinfo. Read fresh on every call.
+// The mounts this process sees, from /proc/self/mountinfo. Read fresh on every call; no state,
+// so safe from any thread.
 #pragma once
 
 #include <sys/types.h>
@@ -20,6 +21,11 @@ struct MountEntry {
 };
 
 struct MountTable {
+    // More than this is no mount table this system could have; read refuses it.
+    static constexpr std::size_t maximumBytes = 16 * 1024 * 1024;
+
+    // Throws std::system_error naming `path` when it cannot be read whole (a table that cannot be
+    // read is not an empty one).
     static std::vector<MountEntry> read(const std::string& path = "/proc/self/mountinfo");
     static std::vector<MountEntry> parse(std::string_view text);
 

@@ -17,6 +17,7 @@ void ItemMarker::write(const std::string& volume) const {
         {"kind", LockedItem::rawValue(kind)},
         {"name", name},
     };
+    if (mode) value["mode"] = *mode;
     std::string data = JSONCodec::encodeCompact(value);
     std::string path = volume + "/" + std::string(fileName);
     int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY,
@@ -56,6 +57,9 @@ std::optional<ItemMarker> ItemMarker::read(const std::string& volume) {
         if (!kind || version < INT32_MIN || version > INT32_MAX) return std::nullopt;
         ItemMarker marker(*kind, name);
         marker.formatVersion = static_cast<int>(version);
+        // A mode outside the permission bits is ignored rather than applied.
+        if (auto mode = JSONFields::optionalInt64(value, "mode"); mode && *mode >= 0 && *mode <= 07777)
+            marker.mode = static_cast<unsigned>(*mode);
         return marker;
     } catch (const std::exception&) {
         return std::nullopt;

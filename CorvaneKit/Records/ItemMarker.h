@@ -16,6 +16,9 @@ struct ItemMarker {
     int formatVersion = 1;
     LockedItem::Kind kind = LockedItem::Kind::file;
     std::string name;
+    // A folder's own permissions: the image's top folder stays private (0700), so the mode the
+    // item had is kept here and given back when the lock is removed.
+    std::optional<unsigned> mode;
 
     ItemMarker(LockedItem::Kind kind, std::string name) : kind(kind), name(std::move(name)) {}
 
