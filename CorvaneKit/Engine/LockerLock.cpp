@@ -70,43 +70,38 @@ void refuseFinderLocked(const std::string& item, const std::string& name) {
         throw CorvaneError::finderLocked(name);
 }
 
-void refuseAppleDoubleOrFinderLockedInside(const std::string& item, const std::string& name) {
+// One walk for what is refused inside an item. A "._" name or a marked file ends it at once; a
+// hard-linked file is reported only when neither turns up, as two walks in turn would report it.
+// Also returns the folders inside that their owner may not write to or search, which the copy has
+// to prepare (see prepareClosedFolders).
+std::vector<std::string> refuseWhatIsInside(const std::string& item, const std::string& name) {
     if (name.starts_with("._")) throw CorvaneError::containsAppleDouble(name);
     std::optional<Locker::Found> found;
+    bool hardLinked = false;
+    std::vector<std::string> closedFolders;
     struct Stop {};
     try {
         FileWalk::walk(item, [&](const FileWalk::Entry& entry) {
             const std::string& path = entry.relativePath;
-            bool appleDouble = path.starts_with("._") || path.find("/._") != std::string::npos;
-            if (appleDouble)
+            if (path.starts_with("._") || path.find("/._") != std::string::npos)
                 found = Locker::Found::appleDouble;
             else if (!entry.problem && Locker::isMarkedUnchangeable(item + "/" + path))
                 found = Locker::Found::finderLocked;
             if (found) throw Stop{};
+            if (entry.problem) return FileWalk::Next::descend;
+            hardLinked = hardLinked || (S_ISREG(entry.info.st_mode) && entry.info.st_nlink > 1);
+            if (S_ISDIR(entry.info.st_mode) && (entry.info.st_mode & S_IRWXU) != S_IRWXU)
+                closedFolders.push_back(path);
             return FileWalk::Next::descend;
         });
     } catch (const Stop&) {
     }
     if (found == Locker::Found::finderLocked) throw CorvaneError::containsFinderLocked(name);
     if (found == Locker::Found::appleDouble) throw CorvaneError::containsAppleDouble(name);
-}
-
-// Also returns the folders inside that their owner may not write to or search, which the copy
-// has to prepare (see prepareClosedFolders).
-std::vector<std::string> refuseHardLinkedFiles(const std::string& item, const std::string& name) {
     struct stat status {};
-    if (lstat(item.c_str(), &status) == 0 && S_ISREG(status.st_mode) && status.st_nlink >= 2)
+    if (hardLinked ||
+        (lstat(item.c_str(), &status) == 0 && S_ISREG(status.st_mode) && status.st_nlink >= 2))
         throw CorvaneError::hardLinked(name);
-    std::vector<std::string> closedFolders;
-    if (!S_ISDIR(status.st_mode)) return closedFolders;
-    FileWalk::walk(item, [&](const FileWalk::Entry& entry) {
-        if (entry.problem) return FileWalk::Next::descend;
-        if (S_ISREG(entry.info.st_mode) && entry.info.st_nlink > 1)
-            throw CorvaneError::hardLinked(name);
-        if (S_ISDIR(entry.info.st_mode) && (entry.info.st_mode & S_IRWXU) != S_IRWXU)
-            closedFolders.push_back(entry.relativePath);
-        return FileWalk::Next::descend;
-    });
     return closedFolders;
 }
 
@@ -177,8 +172,7 @@ LockedItem Locker::lock(const std::string& path, const std::string& password,
     refuseWhatCannotBeKept(item);
     refuseMountsInside(*tool, item, name);
     refuseFinderLocked(item, name);
-    refuseAppleDoubleOrFinderLockedInside(item, name);
-    const std::vector<std::string> closedFolders = refuseHardLinkedFiles(item, name);
+    const std::vector<std::string> closedFolders = refuseWhatIsInside(item, name);
 
     bool downloaded = false;
     if (auto pending = CloudFiles::notDownloaded(item); !pending.empty()) {
