@@ -340,9 +340,9 @@ ProcessResult GocryptfsTool::unmountForcibly(const std::string& mountPoint) cons
     // The handle is taken before anything changes, and the process checked again through it, so
     // that a number reused meanwhile is never signalled.
     std::string executable = canonicalPath(gocryptfs_);
-    std::optional<ProcessHandle> server;
+    std::unique_ptr<ProcessHandle> server;
     if (auto found = serverOf(*mount, gocryptfsProcesses(executable))) {
-        server.emplace(found->pid);
+        server = std::make_unique<ProcessHandle>(found->pid);
         auto again = gocryptfsProcess(found->pid, executable);
         if (!server->isOpen() || !again || !GocryptfsTool::serves(*again, *mount)) server.reset();
     }
