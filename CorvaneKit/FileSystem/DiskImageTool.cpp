@@ -78,9 +78,13 @@ void DiskImageTool::changePassword(const std::string& image, const std::string& 
 std::vector<AttachedImage> DiskImageTool::attachedImages() const {
     ProcessResult result = run({"info", "-plist"}, std::nullopt);
     expectSuccess(result, false);
-    auto start = result.output.find("<?xml");
+    return parseAttachedImages(result.output);
+}
+
+std::vector<AttachedImage> DiskImageTool::parseAttachedImages(std::string_view output) {
+    auto start = output.find("<?xml");
     if (start == std::string::npos) throw CorvaneError::diskImage(kUnlistable);
-    std::string text = result.output.substr(start);
+    std::string text(output.substr(start));
 
     plist_t parsed = nullptr;
     plist_from_memory(text.data(), static_cast<uint32_t>(text.size()), &parsed);

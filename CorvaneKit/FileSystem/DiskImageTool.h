@@ -3,6 +3,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #include "FileSystem/ImageTool.h"
 
@@ -25,6 +26,8 @@ public:
     void changePassword(const std::string& image, const std::string& oldPassword,
                         const std::string& newPassword) const override;
     std::vector<AttachedImage> attachedImages() const override;
+    // What "hdiutil info -plist" printed; anything that is not such a list throws diskImage.
+    static std::vector<AttachedImage> parseAttachedImages(std::string_view output);
 
     // The tool's output on one line, without its "hdiutil: " prefixes.
     static std::string clean(const std::string& output);
