@@ -18,12 +18,11 @@ const std::string kUnlistable = "Could not list mounted disk images.";
 
 std::optional<std::string> stringValue(plist_t node) {
     if (!node || plist_get_node_type(node) != PLIST_STRING) return std::nullopt;
-    char* text = nullptr;
-    plist_get_string_val(node, &text);
+    // By pointer and length: a string holding a NUL would stop the copying call with an assertion.
+    std::uint64_t length = 0;
+    const char* text = plist_get_string_ptr(node, &length);
     if (!text) return std::nullopt;
-    std::string value = text;
-    std::free(text);
-    return value;
+    return std::string(text, static_cast<std::size_t>(length));
 }
 
 std::vector<plist_t> dictionaries(plist_t array) {
