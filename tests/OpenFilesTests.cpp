@@ -22,7 +22,7 @@ using testing::writeFile;
 
 using Names = std::vector<std::string>;
 
-TEST(OpenFiles, ParsesFieldOutput) {
+TEST(OpenFiles, ParsesAndClassifiesTheListersAnswer) {
     auto holders = OpenFiles::parse("p123\ncViewer\nf4\nar\np456\ncEditor\nf7\naw\n");
     EXPECT_EQ(holders, (std::vector<Holder>{{"Viewer", false, 123}, {"Editor", true, 456}}));
     EXPECT_EQ(OpenFiles::writerNames(Holders::known(holders)), Names{"Editor"});
@@ -43,9 +43,7 @@ TEST(OpenFiles, ParsesFieldOutput) {
     auto twoWriters =
         Holders::known(OpenFiles::parse("p1\ncvim\naw\np2\ncvim\naw\np3\nccat\nar\n"));
     EXPECT_EQ(OpenFiles::writerNames(twoWriters), Names{"vim"}) << "one name per program";
-}
 
-TEST(OpenFiles, ClassifiesTheListersAnswer) {
     EXPECT_EQ(OpenFiles::classify(0, true, "p1\ncx\n"), Holders::unknown());
     EXPECT_EQ(OpenFiles::classify(1, false, " \n\t"), Holders::unknown());
     EXPECT_EQ(OpenFiles::classify(1, false, "p1\ncx\n"), Holders::known({{"x", false, 1}}));

@@ -112,14 +112,18 @@ std::string onlySetAsideFile(const std::string& folder, const std::string& name)
 }
 
 // What `read` ended with, as one line ("returned X", "DecodingError", "system_error ENAME"), or
-// "still running" when it had not finished after ten seconds. It runs in a child process, so
-// that a read that blocks or never ends fails the test instead of stopping it.
-std::string outcomeWithin(const std::function<std::string()>& read) {
+// "still running" when it had not finished after ten seconds. It runs in a child process (as user
+// nobody when `unprivileged`), so that a read that blocks or never ends fails the test instead of
+// stopping it.
+std::string outcomeWithin(const std::function<std::string()>& read, bool unprivileged = false) {
     int fds[2];
     if (pipe(fds) != 0) return "no pipe";
     pid_t child = fork();
     if (child == 0) {
         close(fds[0]);
+        if (unprivileged && geteuid() == 0 &&
+            (setgroups(0, nullptr) != 0 || setgid(kNobody) != 0 || setuid(kNobody) != 0))
+            _exit(2);
         std::string outcome;
         try {
             outcome = "returned " + read();
@@ -177,19 +181,16 @@ private:
     std::optional<std::string> saved_;
 };
 
-TEST(JSONCodec, RecordsAreWrittenByteForByteAsTheGoldenFiles) {
+TEST(JSONCodec, GoldenFilesAreWrittenAndReadByteForByte) {
     TempDir dir;
     ItemIndex(dir / "items.json").save(goldenItems());
     EXPECT_EQ(readFile(dir / "items.json"), readFile(kData + "/items.json"));
     OperationJournal journal(dir / "operations.json");
     for (const auto& entry : goldenEntries()) journal.add(entry);
     EXPECT_EQ(readFile(dir / "operations.json"), readFile(kData + "/operations.json"));
-
     ItemIndex(dir / "empty.json").save({});
     EXPECT_EQ(readFile(dir / "empty.json"), "[]");
-}
 
-TEST(JSONCodec, GoldenFilesReadBackAsTheirRecords) {
     EXPECT_EQ(ItemIndex(kData + "/items.json").load(), goldenItems());
     EXPECT_EQ(OperationJournal(kData + "/operations.json").load(), goldenEntries());
 }
@@ -250,33 +251,57 @@ void expectSetAside(const std::string& contents, const std::string& why) {
         EXPECT_TRUE(loaded.entries.empty()) << why;
 }
 
-TEST(ItemIndex, UndecodableFilesAreSetAsideNotDeleted) {
-    auto golden = nlohmann::json::parse(readFile(kData + "/items.json"));
-    auto with = [&](const std::function<void(nlohmann::json&)>& change) {
-        auto record = golden[0];
-        change(record);
-        return nlohmann::json::array({record}).dump();
+// The first record of a golden file with one change, as a record file.
+std::string goldenWith(const std::string& file,
+                       const std::function<void(nlohmann::json&)>& change) {
+    auto record = nlohmann::json::parse(readFile(kData + "/" + file))[0];
+    change(record);
+    return nlohmann::json::array({record}).dump();
+}
+
+TEST(JSONCodec, UndecodableRecordFilesAreSetAsideNotDeleted) {
+    auto item = [](const std::function<void(nlohmann::json&)>& change) {
+        return goldenWith("items.json", change);
     };
-    std::vector<std::pair<std::string, std::string>> cases = {
+    std::vector<std::pair<std::string, std::string>> items = {
         {"zero bytes", ""},
         {"object", "{}"},
         {"wrong id type", R"([{"id":1}])"},
         {"element not object", "[1]"},
-        {"fractional seconds", with([](auto& r) { r["createdAt"] = "2025-03-01T09:15:00.5Z"; })},
-        {"date without zone", with([](auto& r) { r["createdAt"] = "2025-03-01T09:15:00"; })},
-        {"unknown kind", with([](auto& r) { r["kind"] = "symlink"; })},
-        {"unknown stage", with([](auto& r) { r["stage"] = "done"; })},
-        {"generation as text", with([](auto& r) { r["passwordGeneration"] = "3"; })},
-        {"generation fractional", with([](auto& r) { r["passwordGeneration"] = 3.5; })},
-        {"name as number", with([](auto& r) { r["displayName"] = 7; })},
-        {"bookmark not base64", with([](auto& r) { r["bookmark"] = "AAEC/w="; })},
-        {"id not a uuid", with([](auto& r) { r["id"] = "0F4A1C2E8B7D4E219C3A5D6E7F809A1B"; })},
-        {"size as text", with([](auto& r) { r["contentSize"] = "1"; })},
+        {"fractional seconds", item([](auto& r) { r["createdAt"] = "2025-03-01T09:15:00.5Z"; })},
+        {"date without zone", item([](auto& r) { r["createdAt"] = "2025-03-01T09:15:00"; })},
+        {"unknown kind", item([](auto& r) { r["kind"] = "symlink"; })},
+        {"unknown stage", item([](auto& r) { r["stage"] = "done"; })},
+        {"generation as text", item([](auto& r) { r["passwordGeneration"] = "3"; })},
+        {"generation fractional", item([](auto& r) { r["passwordGeneration"] = 3.5; })},
+        {"name as number", item([](auto& r) { r["displayName"] = 7; })},
+        {"bookmark not base64", item([](auto& r) { r["bookmark"] = "AAEC/w="; })},
+        {"id not a uuid", item([](auto& r) { r["id"] = "0F4A1C2E8B7D4E219C3A5D6E7F809A1B"; })},
+        {"size as text", item([](auto& r) { r["contentSize"] = "1"; })},
     };
     for (const char* key :
          {"id", "displayName", "kind", "lastKnownPath", "createdAt", "passwordGeneration", "stage"})
-        cases.emplace_back(std::string("missing ") + key, with([&](auto& r) { r.erase(key); }));
-    for (const auto& [why, contents] : cases) expectSetAside<ItemIndex>(contents, why);
+        items.emplace_back(std::string("missing ") + key, item([&](auto& r) { r.erase(key); }));
+    for (const auto& [why, contents] : items) expectSetAside<ItemIndex>(contents, "item: " + why);
+
+    auto entry = [](const std::function<void(nlohmann::json&)>& change) {
+        return goldenWith("operations.json", change);
+    };
+    std::vector<std::pair<std::string, std::string>> entries = {
+        {"object", R"({"id":"A1B2C3D4-E5F6-4789-8ABC-DEF012345678"})"},
+        {"unknown kind", entry([](auto& r) { r["kind"] = "move"; })},
+        {"fractional seconds", entry([](auto& r) { r["lockedAt"] = "2025-03-01T09:15:00.5Z"; })},
+        {"identity not object", entry([](auto& r) { r["lockedIdentity"] = 1234567; })},
+        {"negative inode", entry([](auto& r) { r["lockedIdentity"]["inode"] = -1; })},
+        {"path as array", entry([](auto& r) { r["finalPath"] = nlohmann::json::array({"/a"}); })},
+    };
+    for (const char* key : {"id", "kind", "originalPath", "partialPath", "finalPath"})
+        entries.emplace_back(std::string("missing ") + key, entry([&](auto& r) { r.erase(key); }));
+    for (const char* key : {"inode", "birthSeconds", "birthNanoseconds"})
+        entries.emplace_back(std::string("identity missing ") + key,
+                             entry([&](auto& r) { r["lockedIdentity"].erase(key); }));
+    for (const auto& [why, contents] : entries)
+        expectSetAside<OperationJournal>(contents, "entry: " + why);
 
     TempDir dir;
     writeFile(dir / "items.json", "[]");
@@ -285,29 +310,6 @@ TEST(ItemIndex, UndecodableFilesAreSetAsideNotDeleted) {
     EXPECT_TRUE(loaded.items.empty());
     EXPECT_EQ(listing(dir.path()), std::vector<std::string>{"items.json"});
     EXPECT_FALSE(ItemIndex(dir / "absent.json").loadReportingDamage().damaged);
-}
-
-TEST(OperationJournal, UndecodableFilesAreSetAsideNotDeleted) {
-    auto golden = nlohmann::json::parse(readFile(kData + "/operations.json"));
-    auto with = [&](const std::function<void(nlohmann::json&)>& change) {
-        auto record = golden[0];
-        change(record);
-        return nlohmann::json::array({record}).dump();
-    };
-    std::vector<std::pair<std::string, std::string>> cases = {
-        {"object", R"({"id":"A1B2C3D4-E5F6-4789-8ABC-DEF012345678"})"},
-        {"unknown kind", with([](auto& r) { r["kind"] = "move"; })},
-        {"fractional seconds", with([](auto& r) { r["lockedAt"] = "2025-03-01T09:15:00.5Z"; })},
-        {"identity not object", with([](auto& r) { r["lockedIdentity"] = 1234567; })},
-        {"negative inode", with([](auto& r) { r["lockedIdentity"]["inode"] = -1; })},
-        {"path as array", with([](auto& r) { r["finalPath"] = nlohmann::json::array({"/a"}); })},
-    };
-    for (const char* key : {"id", "kind", "originalPath", "partialPath", "finalPath"})
-        cases.emplace_back(std::string("missing ") + key, with([&](auto& r) { r.erase(key); }));
-    for (const char* key : {"inode", "birthSeconds", "birthNanoseconds"})
-        cases.emplace_back(std::string("identity missing ") + key,
-                           with([&](auto& r) { r["lockedIdentity"].erase(key); }));
-    for (const auto& [why, contents] : cases) expectSetAside<OperationJournal>(contents, why);
 }
 
 TEST(JSONCodec, SetAsideNamesCountUpWithinOneSecondInLocalTime) {
@@ -336,31 +338,22 @@ TEST(JSONCodec, SetAsideNamesCountUpWithinOneSecondInLocalTime) {
 
 // Every truncation of a valid file must be kept byte for byte, whatever the parser makes of it.
 template <class Records>
-void tortureWithPrefixes(const std::string& whole) {
+void tortureWithPrefixes(const std::string& file) {
+    const std::string whole = readFile(kData + "/" + file);
+    for (std::size_t length = 0; length < whole.size() && !::testing::Test::HasFailure(); ++length)
+        expectSetAside<Records>(whole.substr(0, length),
+                                file + " cut to " + std::to_string(length));
     TempDir dir;
-    for (std::size_t length = 0; length < whole.size(); ++length) {
-        std::string folder = dir / std::to_string(length);
-        std::string prefix = whole.substr(0, length);
-        writeFile(folder + "/records.json", prefix);
-        auto loaded = Records(folder + "/records.json").loadReportingDamage();
-        EXPECT_TRUE(loaded.damaged) << "prefix of " << length << " bytes";
-        std::string kept = onlySetAsideFile(folder, "records.json");
-        ASSERT_NE(kept, "") << "prefix of " << length << " bytes";
-        ASSERT_EQ(readFile(kept), prefix) << "prefix of " << length << " bytes";
-    }
-    writeFile(dir / "whole/records.json", whole);
-    EXPECT_FALSE(Records(dir / "whole/records.json").loadReportingDamage().damaged);
+    writeFile(dir / "records.json", whole);
+    EXPECT_FALSE(Records(dir / "records.json").loadReportingDamage().damaged) << file;
 }
 
-TEST(ItemIndex, EveryTruncatedFileIsSetAsideIntact) {
-    tortureWithPrefixes<ItemIndex>(readFile(kData + "/items.json"));
+TEST(JSONCodec, EveryTruncatedRecordFileIsSetAsideIntact) {
+    tortureWithPrefixes<ItemIndex>("items.json");
+    tortureWithPrefixes<OperationJournal>("operations.json");
 }
 
-TEST(OperationJournal, EveryTruncatedFileIsSetAsideIntact) {
-    tortureWithPrefixes<OperationJournal>(readFile(kData + "/operations.json"));
-}
-
-TEST(ItemIndex, ReadFailuresThrowAndLeaveTheFileInPlace) {
+TEST(JSONCodec, ReadFailuresThrowAndLeaveTheFileInPlace) {
     TempDir dir;
     // A folder the unprivileged user may write, so a wrongly taken "damage" path could rename.
     std::string owned = dir / "owned";
@@ -375,20 +368,15 @@ TEST(ItemIndex, ReadFailuresThrowAndLeaveTheFileInPlace) {
     writeFile(closed + "/items.json", "[]");
     ASSERT_EQ(chmod(closed.c_str(), 0000), 0);
 
-    auto throwsSystemError = [](const std::function<void()>& load) {
-        try {
-            load();
-        } catch (const std::system_error&) {
-            return true;
-        }
-        return false;
+    const std::pair<const char*, std::function<void()>> loads[] = {
+        {"index load", [&] { ItemIndex(owned + "/items.json").load(); }},
+        {"journal", [&] { OperationJournal(owned + "/operations.json").loadReportingDamage(); }},
+        {"closed folder", [&] { ItemIndex(closed + "/items.json").loadReportingDamage(); }},
     };
-    EXPECT_TRUE(passesAsUnprivilegedUser([&] {
-        return throwsSystemError([&] { ItemIndex(owned + "/items.json").load(); }) &&
-               throwsSystemError(
-                   [&] { OperationJournal(owned + "/operations.json").loadReportingDamage(); }) &&
-               throwsSystemError([&] { ItemIndex(closed + "/items.json").loadReportingDamage(); });
-    }));
+    for (const auto& [what, load] : loads)
+        EXPECT_EQ(outcomeWithin([&] { return load(), std::string("loaded"); }, true),
+                  "system_error EACCES")
+            << what;
     EXPECT_EQ(listing(owned), (std::vector<std::string>{"items.json", "operations.json"}));
     EXPECT_EQ(readFile(owned + "/items.json"), readFile(kData + "/items.json"));
     ASSERT_EQ(chmod(closed.c_str(), 0755), 0);
@@ -421,7 +409,7 @@ TEST(JSONCodec, WritePrivatelyMakesPrivateFileAndFolders) {
     EXPECT_EQ(listing(dir / "shared"), std::vector<std::string>{"items.json"});
 }
 
-TEST(ItemIndex, UpsertAppendsNewIdsAndReplacesKnownOnesInPlace) {
+TEST(ItemIndex, UpsertReplacesKnownIdsInPlaceAndRemoveDropsEveryCopy) {
     TempDir dir;
     ItemIndex index(dir / "support/items.json");
     auto a = itemNamed("a", "/a"), b = itemNamed("b", "/b"), c = itemNamed("c", "/c");
@@ -432,18 +420,12 @@ TEST(ItemIndex, UpsertAppendsNewIdsAndReplacesKnownOnesInPlace) {
     index.upsert(b);
     EXPECT_EQ(index.load(), (std::vector<LockedItem>{a, b, c}));
     EXPECT_EQ(permissions(dir / "support/items.json"), 0600u);
-}
 
-TEST(ItemIndex, RemoveDropsEveryRecordWithTheId) {
-    TempDir dir;
-    ItemIndex index(dir / "items.json");
-    auto a = itemNamed("a", "/a"), b = itemNamed("b", "/b");
     auto twin = a;
     twin.displayName = "a again";
     index.save({a, b, twin});
     index.remove(a.id);
     EXPECT_EQ(index.load(), std::vector<LockedItem>{b});
-
     ItemIndex absent(dir / "absent/items.json");
     absent.remove(b.id);
     EXPECT_EQ(readFile(absent.fileURL()), "[]");
@@ -522,52 +504,62 @@ TEST(OperationJournal, AddKeepsOneEntryPerIdAndPutsItLast) {
 }
 
 TEST(JSONCodec, ReadersOpenOnlyRegularFilesUpToTheirLimit) {
-    const std::string marker = R"({"formatVersion":1,"kind":"folder","name":"Photos"})";
-    const std::string items = readFile(kData + "/items.json");
     const std::size_t smallLimit = 64 << 10, engineLimit = 64 << 20;
+    // The small records swallow every failure: each gives its name, or "nothing".
+    const struct {
+        std::string file, valid;
+        std::function<std::string(const std::string& folder)> read;
+    } small[] = {
+        {".corvane-item.json", R"({"formatVersion":1,"kind":"folder","name":"Photos"})",
+         [](auto& folder) {
+             auto read = ItemMarker::read(folder);
+             return read ? read->name : "nothing";
+         }},
+        {"state.json", R"({"unlockedPaths":["Photos"],"bootTime":1})",
+         [](auto& folder) {
+             auto read = SharedState::read(folder + "/state.json");
+             return read ? read->unlockedPaths.at(0) : "nothing";
+         }},
+    };
     struct Case {
         const char* name;
-        std::function<void(const std::string& path, const std::string& valid)> make;
-        const char* marker;  // what ItemMarker::read gives
-        const char* index;   // what loading the item index gives
+        std::function<void(const std::string& path, const std::string& valid, std::size_t limit)>
+            make;
+        const char* small;  // what the marker and the shared state give
+        const char* index;  // what loading the item index gives
     };
     const Case cases[] = {
-        {"FIFO", [](auto& path, auto&) { mkfifo(path.c_str(), 0644); }, "returned nothing",
+        {"FIFO", [](auto& path, auto&, auto) { mkfifo(path.c_str(), 0644); }, "returned nothing",
          "system_error EINVAL"},
-        {"link to /dev/zero", [](auto& path, auto&) { symlink("/dev/zero", path.c_str()); },
+        {"link to /dev/zero", [](auto& path, auto&, auto) { symlink("/dev/zero", path.c_str()); },
          "returned nothing", "system_error ELOOP"},
         {"link to a valid record",
-         [](auto& path, auto& valid) {
+         [](auto& path, auto& valid, auto) {
              writeFile(path + ".target", valid);
              symlink((path + ".target").c_str(), path.c_str());
          },
          "returned nothing", "system_error ELOOP"},
-        {"directory", [](auto& path, auto&) { mkdir(path.c_str(), 0755); }, "returned nothing",
-         "system_error EISDIR"},
+        {"directory", [](auto& path, auto&, auto) { mkdir(path.c_str(), 0755); },
+         "returned nothing", "system_error EISDIR"},
         {"one byte over the limit",
-         [&](auto& path, auto& valid) {
-             writeFile(path, padded(valid, (valid == marker ? smallLimit : engineLimit) + 1));
-         },
+         [](auto& path, auto& valid, auto limit) { writeFile(path, padded(valid, limit + 1)); },
          "returned nothing", "returned damaged, set aside intact"},
-        {"marker at its limit, index within",
-         [&](auto& path, auto& valid) {
-             writeFile(path, valid == marker ? padded(valid, smallLimit) : valid);
+        {"small records at their limit, index within",
+         [&](auto& path, auto& valid, auto limit) {
+             writeFile(path, limit == smallLimit ? padded(valid, limit) : valid);
          },
          "returned Photos", "returned 2 records"},
     };
     for (const auto& c : cases) {
         TempDir dir;
-        c.make(dir / ".corvane-item.json", marker);
-        EXPECT_EQ(outcomeWithin([&] {
-                      auto read = ItemMarker::read(dir.path());
-                      return read ? read->name : "nothing";
-                  }),
-                  c.marker)
-            << "marker: " << c.name;
-
+        for (const auto& record : small) {
+            c.make(dir / record.file, record.valid, smallLimit);
+            EXPECT_EQ(outcomeWithin([&] { return record.read(dir.path()); }), c.small)
+                << record.file << ": " << c.name;
+        }
         std::string folder = dir / "support";
         ASSERT_EQ(mkdir(folder.c_str(), 0755), 0);
-        c.make(folder + "/items.json", items);
+        c.make(folder + "/items.json", readFile(kData + "/items.json"), engineLimit);
         auto before = listing(folder);
         EXPECT_EQ(outcomeWithin([&] {
                       auto loaded = ItemIndex(folder + "/items.json").loadReportingDamage();
@@ -588,22 +580,13 @@ TEST(JSONCodec, ReadersOpenOnlyRegularFilesUpToTheirLimit) {
 TEST(JSONCodec, SmallRecordsAndTheirLimits) {
     TempDir dir;
     const std::string path = dir / "record";
-    auto read = [&](std::size_t limit) {
-        return outcomeWithin([&] { return JSONCodec::readIfPresent(path, limit).value(); });
-    };
     writeFile(path, "0123456789");
-    EXPECT_EQ(read(10), "returned 0123456789");
-    EXPECT_EQ(read(9), "DecodingError");
-    EXPECT_EQ(read(0), "DecodingError");
-
-    for (auto make : {+[](const std::string& at) { mkfifo(at.c_str(), 0644); },
-                      +[](const std::string& at) { symlink("/dev/zero", at.c_str()); }}) {
-        TempDir each;
-        make(each / "state.json");
-        EXPECT_EQ(outcomeWithin(
-                      [&] { return SharedState::read(each / "state.json") ? "state" : "nothing"; }),
-                  "returned nothing");
-    }
+    for (auto [limit, expected] : {std::pair<std::size_t, const char*>{10, "returned 0123456789"},
+                                   {9, "DecodingError"},
+                                   {0, "DecodingError"}})
+        EXPECT_EQ(outcomeWithin([&] { return JSONCodec::readIfPresent(path, limit).value(); }),
+                  expected)
+            << "limit " << limit;
 
     const std::string secret = R"({"password":"pw","generation":1,"history":[]})";
     EXPECT_EQ(StoredSecret::decode(padded(secret, 64 << 10)).password, "pw");
