@@ -19,6 +19,7 @@
 #include "Engine/Folder.h"
 #include "Engine/LockStep.h"
 #include "Engine/OpenItem.h"
+#include "Engine/RecoveryReport.h"
 #include "FileSystem/CancelToken.h"
 #include "FileSystem/ImageTool.h"
 #include "FileSystem/LockPolicy.h"
@@ -83,6 +84,11 @@ public:
                            const CancelToken* cancel = nullptr, const Progress& progress = nullptr);
     static std::string restoreDestination(const std::string& name, const std::string& directory);
 
+    // Finishes or undoes every interrupted lock and restore in the journal and closes images
+    // under the mounts root that no item owns. Runs first, before any other operation; never
+    // throws: what cannot be settled now is kept for the next start and counted.
+    RecoveryReport recover() const;
+
     static std::string itemName(const std::optional<ItemMarker>& marker,
                                 const std::optional<LockedItem>& record, const std::string& locked);
     // What an attached image holds, from its marker, else the record, else the locked item's name.
@@ -117,6 +123,10 @@ public:
     static bool isMarkedUnchangeable(const std::string& path);
 
 private:
+    void recoverLock(JournalEntry entry, RecoveryReport& report) const;
+    void recoverRestore(const JournalEntry& entry, RecoveryReport& report) const;
+    // Closes by force whatever an operation with this id left attached, and its mount point.
+    void closeMountOf(const Uuid& id) const;
     void crashIf(CrashPoint point) const {
         if (crashPoint == point) throw SimulatedCrash();
     }

@@ -9,11 +9,10 @@
 //   finalPath     "" until a destination is chosen; then the restored item's final path
 //   deletingPath  set just before the image is renamed to ".corvane-<id>.deleting" to be deleted;
 //                 a partly deleted image is never left under its own name
-//   lockedAt, lockedIdentity are not used.
-// So: finalPath empty, or the staging copy still there and nothing at finalPath: the restore never
-// finished; remove the staging copy, the locked item is intact. Something at finalPath and no
-// staging copy: the restore finished; the image (if still there, or at deletingPath) and the
-// record are surplus.
+//   lockedIdentity the verified staging copy's identity, recorded with finalPath: what recovery
+//                 checks before it lets the image go
+//   lockedAt is not used.
+// What recovery does with each state they describe is the table in LockerRecover.cpp.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -161,6 +160,7 @@ std::string Locker::removeLock(const std::string& path, const std::string& passw
 
         destination = restoreDestination(name, parentPath);
         entry.finalPath = destination;
+        entry.lockedIdentity = FileIdentity::of(staging);
         journal.add(entry);
         crashIf(CrashPoint::restoreBeforeRename);
         parent.renameExclusively(stagingName, lastPathComponent(destination));

@@ -1,0 +1,238 @@
+// Crash recovery: at start, before any other operation, every journal entry is finished or undone,
+// and images left attached under the mounts root that no item owns are closed. Nothing here needs
+// a password: what is finished was verified before the crash, and what was not is undone.
+//
+// Restore entries (see LockerRestore.cpp for their fields). L: the locked image at originalPath;
+// S: the staging copy at partialPath; F: the restored item at finalPath with the identity of the
+// verified staging copy (lockedIdentity); D: the image moved aside to deletingPath.
+//
+//   state                                    what remove-lock had done      recovery
+//   finalPath empty                          copying or verifying           remove S; still locked
+//   finalPath set, F not there, S there      verified, not yet renamed      remove S; still locked
+//   F there, L there, no deletingPath        renamed; image untouched       flush, move L to D,
+//                                                                           delete D; finished
+//   F there, deletingPath set (D or L)       deleting the image             delete D (or L as
+//                                                                           above); finished
+//   F there, neither L nor D                 image deleted                  records only; finished
+//   F not there, D there                     restored item went missing     move D back to L;
+//                                                                           still locked
+//   the folder itself not there              a drive not connected          kept for later
+//
+// A locked image is deleted only when F, checked by identity, is in place under its final name.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+
+#include "Engine/Locker.h"
+#include "FileSystem/FileWalk.h"
+#include "Records/DateFormat.h"
+#include "Records/Locator.h"
+#include "Records/Paths.h"
+
+namespace corvane {
+
+namespace {
+
+bool exists(const std::string& path) {
+    struct stat status {};
+    return !path.empty() && lstat(path.c_str(), &status) == 0;
+}
+
+std::string parentOf(const std::string& path) {
+    auto slash = path.rfind('/');
+    return slash == 0 || slash == std::string::npos ? "/" : path.substr(0, slash);
+}
+
+// Whether anything in the tree at `path` was modified or changed status after `since` plus the
+// one second that rounding `since` to whole seconds may have taken away.
+bool changedSince(const std::string& path, Date since) {
+    auto limit = since + std::chrono::seconds(1);
+    auto later = [&](const struct stat& status) {
+        auto at = [](const struct timespec& time) {
+            return std::chrono::sys_seconds(std::chrono::seconds(time.tv_sec)) +
+                   std::chrono::nanoseconds(time.tv_nsec);
+        };
+        return at(status.st_mtim) > limit || at(status.st_ctim) > limit;
+    };
+    struct stat root {};
+    if (lstat(path.c_str(), &root) != 0 || later(root)) return true;
+    if (!S_ISDIR(root.st_mode)) return false;
+    bool changed = false;
+    struct Stop {};
+    try {
+        FileWalk::walk(path, [&](const FileWalk::Entry& entry) {
+            if (entry.problem || later(entry.info)) {
+                changed = true;  // what cannot be read cannot be shown unchanged
+                throw Stop{};
+            }
+            return FileWalk::Next::descend;
+        });
+    } catch (const Stop&) {
+    } catch (const FileWalk::WalkError&) {
+        changed = true;
+    }
+    return changed;
+}
+
+}  // namespace
+
+void Locker::closeMountOf(const Uuid& id) const {
+    std::string mountPoint = mountsRoot + "/" + id.string();
+    if (isMountPoint(mountPoint)) tool->detach(mountPoint, true);
+    rmdir(mountPoint.c_str());
+}
+
+void Locker::recoverLock(JournalEntry entry, RecoveryReport& report) const {
+    closeMountOf(entry.id);
+    const std::string parentPath = parentOf(entry.originalPath);
+    if (!exists(parentPath)) return void(++report.keptForLater);
+    const Folder parent(parentPath);
+    const std::string name = lastPathComponent(entry.originalPath);
+    auto records = index.load();
+    auto record = std::find_if(records.begin(), records.end(),
+                               [&](const LockedItem& item) { return item.id == entry.id; });
+
+    bool complete = entry.lockedIdentity && exists(entry.finalPath) &&
+                    FileIdentity::of(entry.finalPath) == entry.lockedIdentity;
+    if (!complete) {
+        // The lock never produced its item: the original is the only copy and stays as it is.
+        if (exists(entry.partialPath)) parent.removeOwnedTree(lastPathComponent(entry.partialPath));
+        if (record != records.end()) index.remove(entry.id);
+        journal.remove(entry.id);
+        return void(++report.discardedLocks);
+    }
+
+    struct stat status {};
+    const bool isFile =
+        (lstat(entry.originalPath.c_str(), &status) == 0 ||
+         (entry.deletingPath && lstat(entry.deletingPath->c_str(), &status) == 0)) &&
+        !S_ISDIR(status.st_mode);
+    bool kept = false;
+    if (entry.deletingPath && exists(*entry.deletingPath))
+        parent.removeOwnedTree(lastPathComponent(*entry.deletingPath));
+    if (exists(entry.originalPath)) {
+        if (!entry.lockedAt || changedSince(entry.originalPath, *entry.lockedAt)) {
+            kept = true;
+        } else {
+            flushVolume(parent);
+            const std::string deletingName = ".corvane-" + entry.id.string() + ".deleting";
+            entry.deletingPath = parentPath + "/" + deletingName;
+            journal.add(entry);
+            parent.confirmIdentity();
+            parent.renameExclusively(name, deletingName);
+            deleteRenamedOriginal(parent, deletingName);
+        }
+    }
+
+    LockedItem item = record != records.end()
+                          ? *record
+                          : LockedItem{entry.id,
+                                       name,
+                                       isFile ? LockedItem::Kind::file : LockedItem::Kind::folder,
+                                       Locator::make(entry.finalPath),
+                                       entry.finalPath,
+                                       entry.lockedAt.value_or(DateFormat::roundedToSecond(
+                                           std::chrono::system_clock::now())),
+                                       0,
+                                       LockedItem::Stage::complete,
+                                       std::nullopt,
+                                       std::nullopt};
+    item.stage = LockedItem::Stage::complete;
+    item.originalPath.reset();
+    index.upsert(item);
+    journal.remove(entry.id);
+    ++(kept ? report.keptChangedOriginals : report.finishedLocks);
+}
+
+void Locker::recoverRestore(const JournalEntry& entry, RecoveryReport& report) const {
+    closeMountOf(entry.id);
+    const std::string parentPath = parentOf(entry.originalPath);
+    if (!exists(parentPath)) return void(++report.keptForLater);
+    const Folder parent(parentPath);
+    const std::string lockedName = lastPathComponent(entry.originalPath);
+    const std::string deletingName = ".corvane-" + entry.id.string() + ".deleting";
+    const bool restored = !entry.finalPath.empty() && entry.lockedIdentity &&
+                          FileIdentity::of(entry.finalPath) == entry.lockedIdentity;
+
+    if (exists(entry.partialPath)) parent.removeOwnedTree(lastPathComponent(entry.partialPath));
+    if (!restored) {
+        // The image is the only copy that counts: it goes back under its own name if it was
+        // already moved aside.
+        if (parent.contains(deletingName) && !parent.contains(lockedName))
+            parent.renameExclusively(deletingName, lockedName);
+        journal.remove(entry.id);
+        return void(++report.discardedRestores);
+    }
+
+    auto records = index.load();
+    if (parent.contains(lockedName)) {
+        flushVolume(parent);
+        JournalEntry moving = entry;
+        moving.deletingPath = parentPath + "/" + deletingName;
+        journal.add(moving);
+        parent.confirmIdentity();
+        parent.renameExclusively(lockedName, deletingName);
+    }
+    parent.removeOwnedTree(deletingName);
+    for (const auto& item : records)
+        if (item.lastKnownPath == entry.originalPath) index.remove(item.id);
+    journal.remove(entry.id);
+    ++report.finishedRestores;
+}
+
+RecoveryReport Locker::recover() const {
+    RecoveryReport report;
+    ItemIndex::Loaded items;
+    OperationJournal::Loaded entries;
+    try {
+        items = index.loadReportingDamage();
+        entries = journal.loadReportingDamage();
+    } catch (...) {
+        ++report.keptForLater;  // the records cannot be read now; nothing is touched
+        return report;
+    }
+    report.indexWasDamaged = items.damaged;
+    report.journalWasDamaged = entries.damaged;
+    if (entries.damaged) return report;
+
+    for (const auto& entry : entries.entries) {
+        try {
+            if (entry.kind == JournalEntry::Kind::lock)
+                recoverLock(entry, report);
+            else
+                recoverRestore(entry, report);
+        } catch (...) {
+            ++report.keptForLater;
+        }
+    }
+
+    // Images attached under the mounts root that no item owns are closed; known ones stay open.
+    try {
+        std::string root = canonicalPath(mountsRoot) + "/";
+        auto known = index.load();
+        for (const auto& image : tool->attachedImages()) {
+            std::string mountPoint = canonicalPath(image.mountPoint);
+            if (!mountPoint.starts_with(root) ||
+                mountPoint.find('/', root.size()) != std::string::npos)
+                continue;
+            std::string id = mountPoint.substr(root.size());
+            bool owned = std::any_of(known.begin(), known.end(), [&](const LockedItem& item) {
+                return item.id.string() == id;
+            });
+            if (owned) continue;
+            tool->detach(mountPoint, true);
+            rmdir(mountPoint.c_str());
+            ++report.detachedStale;
+        }
+        std::error_code ignored;
+        for (const auto& leftover : std::filesystem::directory_iterator(mountsRoot, ignored))
+            rmdir(leftover.path().c_str());  // only empty ones go
+    } catch (...) {
+        // Stale mounts are closed at the next start.
+    }
+    return report;
+}
+
+}  // namespace corvane
