@@ -6,7 +6,7 @@
 
 namespace corvane::cli {
 
-Locker& CommandContext::locker() {
+Locker& CommandContext::locker(bool announce) {
     if (locker_) return *locker_;
     std::string support = AppPaths::support();
     supportLock_ = SupportLock::acquire(support);
@@ -15,6 +15,10 @@ Locker& CommandContext::locker() {
                              ". Wait for it to finish, then try again.");
     locker_ = std::make_unique<Locker>(support, AppPaths::home(), settings_.applicationLocation,
                                        std::make_shared<GocryptfsTool>());
+    // Whatever an interrupted command left is finished or undone before anything else runs.
+    recovery_ = locker_->recover();
+    if (auto notice = recovery_.notice(); notice && announce)
+        notices_ << notice->title << "\n" << notice->body << "\n";
     return *locker_;
 }
 

@@ -19,6 +19,7 @@ const std::string CommandLine::usage =
     "  lock-now [--force] --all       close every open item\n"
     "  remove-lock PATH               turn a locked item back into normal files\n"
     "  list [--json]                  show every locked item\n"
+    "  recover [--json]               finish or undo interrupted work (every command does first)\n"
     "\n"
     "Options:\n"
     "  --password-stdin               read the password from the first line of input\n"
@@ -32,7 +33,7 @@ using Command = int (*)(CommandContext&, const Words&, std::istream&, std::ostre
 const std::map<std::string, Command, std::less<>> kCommands = {
     {"lock", runLock},        {"unlock", runUnlock},
     {"lock-now", runLockNow}, {"remove-lock", runRemoveLock},
-    {"list", runList},
+    {"list", runList},        {"recover", runRecover},
 };
 
 // Takes `option` out of the words before "--"; whether it was there.
@@ -67,7 +68,7 @@ int CommandLine::run(std::vector<std::string> words, CommandContext::Settings se
             throw UsageError((name.starts_with("-") ? "unknown option " : "unknown command ") +
                              name);
 
-        CommandContext context(std::move(settings), cancel);
+        CommandContext context(std::move(settings), cancel, err);
         return command->second(context, words, in, out, err);
     } catch (const UsageError& error) {
         err << "corvane: " << error.what() << "\n"

@@ -24,5 +24,7 @@ int runRemoveLock(CommandContext& context, const Words& words, std::istream& in,
                   std::ostream& err);
 int runList(CommandContext& context, const Words& words, std::istream& in, std::ostream& out,
             std::ostream& err);
+int runRecover(CommandContext& context, const Words& words, std::istream& in, std::ostream& out,
+               std::ostream& err);
 
 }  // namespace corvane::cli

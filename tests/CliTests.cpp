@@ -9,6 +9,7 @@
 
 #include "CommandLine.h"
 #include "Engine/AppPaths.h"
+#include "Engine/Locker.h"
 #include "FileSystem/GocryptfsTool.h"
 #include "FileSystem/ProcessRunner.h"
 #include "Records/SupportLock.h"
@@ -276,6 +277,32 @@ TEST_F(CliTest, InterruptCancelsALockAndLeavesTheOriginal) {
     EXPECT_TRUE(err.ends_with("Cancelled. Nothing was changed.\n")) << err;
     EXPECT_EQ(testing::listing(root / "Work"), std::vector<std::string>{"Grüße 日本"});
     EXPECT_EQ(readFile(sample + "/part3"), std::string(50'000'000, 'd'));
+}
+
+TEST_F(CliTest, InterruptedWorkIsSettledBeforeAnyCommand) {
+    writeFile(sample + "/notes.txt", "secret notes");
+    Locker engine(root / "Support", root / "Home", std::nullopt, std::make_shared<GocryptfsTool>());
+    engine.crashPoint = CrashPoint::lockAfterRename;
+    EXPECT_THROW(engine.lock(sample, "pw", 1), SimulatedCrash);
+
+    Outcome list = run({"list", "--json"});
+    EXPECT_EQ(list.err, "Corvane finished interrupted work\nIt finished locking 1 item.\n");
+    EXPECT_EQ(nlohmann::json::parse(list.out)[0]["path"], locked)
+        << "the notice went to the output";
+    EXPECT_FALSE(std::filesystem::exists(sample)) << "the original outlived its verified copy";
+
+    Outcome nothing = run({"recover", "--json"});
+    EXPECT_EQ(nlohmann::json::parse(nothing.out)["notice"], nullptr);
+    EXPECT_EQ(nlohmann::json::parse(nothing.out)["finishedLocks"], 0);
+
+    std::filesystem::resize_file(root / "Support/items.json", 10);
+    Outcome damaged = run({"recover"});
+    EXPECT_TRUE(
+        damaged.out.starts_with("Corvane set a damaged file aside\nCorvane's list of "
+                                "locked items was damaged"))
+        << damaged.out;
+    EXPECT_EQ(damaged.err, "") << "recover says it once, on its output";
+    EXPECT_EQ(run({"list"}).out, "No locked items.\n");
 }
 
 TEST(CliSupportDirectory, FollowsTheEnvironment) {
