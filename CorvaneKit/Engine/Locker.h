@@ -23,6 +23,7 @@
 #include "FileSystem/CancelToken.h"
 #include "FileSystem/ImageTool.h"
 #include "FileSystem/LockPolicy.h"
+#include "Records/CorvaneError.h"
 #include "Records/ItemIndex.h"
 #include "Records/ItemMarker.h"
 #include "Records/OperationJournal.h"
@@ -88,6 +89,14 @@ public:
     // under the mounts root that no item owns. Runs first, before any other operation; never
     // throws: what cannot be settled now is kept for the next start and counted.
     RecoveryReport recover() const;
+
+    // Re-keys every item behind `generation` from `from` to `to`, writing each item's new
+    // generation as soon as its image is moved. Returns the items that could not be moved, with
+    // why; throws needsAllLocked while any item is open.
+    std::map<Uuid, CorvaneError> changePassword(const std::string& from, const std::string& to,
+                                                std::int64_t generation);
+    // The display names of the items still behind `generation`, in index order.
+    std::vector<std::string> itemsStillMigrating(std::int64_t generation) const;
 
     static std::string itemName(const std::optional<ItemMarker>& marker,
                                 const std::optional<LockedItem>& record, const std::string& locked);
