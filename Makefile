@@ -5,11 +5,13 @@
 #               and runs every test (this is what CI runs)
 #   make build  an optimised build without sanitizers
 #   make bench  the benchmarks, on an optimised build
+#   make torture  200 commands killed at random moments, each settled by recovery, on an optimised
+#               build; nothing may be lost or left behind
 
 BUILD_DIR ?= build
 JOBS ?= $(shell nproc)
 
-.PHONY: deps demo test build bench clean
+.PHONY: deps demo test build bench torture clean
 
 deps:
 	scripts/install-deps
@@ -33,6 +35,9 @@ bench: build
 	rm -rf $(BUILD_DIR)/image-bench && mkdir -p $(BUILD_DIR)/image-bench
 	$(BUILD_DIR)/release/bench/corvane-image-bench $(BUILD_DIR)/image-bench 10
 	bench/lock.sh $(BUILD_DIR)/release/cli/corvane $(BUILD_DIR)/release/bench/corvane-verifier-bench
+
+torture: build
+	tests/torture/torture.sh $(BUILD_DIR)/release/cli/corvane 200
 
 clean:
 	rm -rf $(BUILD_DIR)

@@ -19,11 +19,17 @@
 //   the folder itself not there              a drive not connected          kept for later
 //
 // A locked image is deleted only when F, checked by identity, is in place under its final name.
+#include <dirent.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
+#include <memory>
 
 #include "Engine/Locker.h"
 #include "FileSystem/FileWalk.h"
@@ -76,11 +82,44 @@ bool changedSince(const std::string& path, Date since) {
     return changed;
 }
 
+std::string commandLineOf(const std::string& pid) {
+    std::string arguments(65536, '\0');
+    int fd = open(("/proc/" + pid + "/cmdline").c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return "";
+    ssize_t length = read(fd, arguments.data(), arguments.size());
+    close(fd);
+    arguments.resize(length > 0 ? static_cast<std::size_t>(length) : 0);
+    return arguments;
+}
+
+// A killed operation's children (an image being created, a copy) outlive it for a while and
+// could write into what recovery removes. Every process naming the operation's id is ended,
+// through a pidfd, so that a number reused meanwhile is never signalled.
+void endProcessesNaming(const std::string& id) {
+    std::unique_ptr<DIR, int (*)(DIR*)> proc(opendir("/proc"), closedir);
+    if (!proc) return;
+    const std::string self = std::to_string(getpid());
+    while (dirent* entry = readdir(proc.get())) {
+        std::string pid = entry->d_name;
+        if (pid.find_first_not_of("0123456789") != std::string::npos || pid == self) continue;
+        if (commandLineOf(pid).find(id) == std::string::npos) continue;
+        int handle = static_cast<int>(syscall(SYS_pidfd_open, std::stoi(pid), 0));
+        if (handle < 0) continue;
+        if (commandLineOf(pid).find(id) != std::string::npos &&
+            syscall(SYS_pidfd_send_signal, handle, SIGKILL, nullptr, 0) == 0) {
+            pollfd ended{handle, POLLIN, 0};
+            poll(&ended, 1, 5000);
+        }
+        close(handle);
+    }
+}
+
 }  // namespace
 
 void Locker::closeMountOf(const Uuid& id) const {
     std::string mountPoint = mountsRoot + "/" + id.string();
     if (isMountPoint(mountPoint)) tool->detach(mountPoint, true);
+    endProcessesNaming(id.string());
     rmdir(mountPoint.c_str());
 }
 
