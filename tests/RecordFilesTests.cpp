@@ -116,43 +116,17 @@ std::string onlySetAsideFile(const std::string& folder, const std::string& name)
 // nobody when `unprivileged`), so that a read that blocks or never ends fails the test instead of
 // stopping it.
 std::string outcomeWithin(const std::function<std::string()>& read, bool unprivileged = false) {
-    int fds[2];
-    if (pipe(fds) != 0) return "no pipe";
-    pid_t child = fork();
-    if (child == 0) {
-        close(fds[0]);
-        if (unprivileged && geteuid() == 0 &&
-            (setgroups(0, nullptr) != 0 || setgid(kNobody) != 0 || setuid(kNobody) != 0))
-            _exit(2);
-        std::string outcome;
-        try {
-            outcome = "returned " + read();
-        } catch (const DecodingError&) {
-            outcome = "DecodingError";
-        } catch (const std::system_error& error) {
-            outcome = std::string("system_error ") + strerrorname_np(error.code().value());
-        }
-        (void)!write(fds[1], outcome.data(), outcome.size());
-        _exit(0);
-    }
-    close(fds[1]);
-    int status = 0;
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (waitpid(child, &status, WNOHANG) == 0) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            kill(child, SIGKILL);
-            waitpid(child, &status, 0);
-            close(fds[0]);
-            return "still running";
-        }
-        usleep(5000);
-    }
-    std::string outcome;
-    char buffer[4096];
-    for (ssize_t n; (n = ::read(fds[0], buffer, sizeof buffer)) > 0;)
-        outcome.append(buffer, static_cast<std::size_t>(n));
-    close(fds[0]);
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? outcome : "crashed";
+    return testing::outcomeInChild(
+        [&]() -> std::string {
+            try {
+                return "returned " + read();
+            } catch (const DecodingError&) {
+                return "DecodingError";
+            } catch (const std::system_error& error) {
+                return std::string("system_error ") + strerrorname_np(error.code().value());
+            }
+        },
+        unprivileged);
 }
 
 // `text` padded with trailing spaces (still the same JSON) to exactly `size` bytes.

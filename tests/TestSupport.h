@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -103,6 +104,43 @@ inline bool passesAsUnprivilegedUser(const std::function<bool()>& check) {
     int status = 0;
     waitpid(child, &status, 0);
     return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+// What `describe` returned, run in a child process (as user nobody when `unprivileged` and this
+// process is root), so that a call that blocks or never ends fails the test instead of stopping
+// it: "still running" after ten seconds, "crashed" when the child died.
+inline std::string outcomeInChild(const std::function<std::string()>& describe,
+                                  bool unprivileged = false) {
+    int fds[2];
+    if (pipe(fds) != 0) return "no pipe";
+    pid_t child = fork();
+    if (child == 0) {
+        close(fds[0]);
+        if (unprivileged && geteuid() == 0 &&
+            (setgroups(0, nullptr) != 0 || setgid(kNobody) != 0 || setuid(kNobody) != 0))
+            _exit(2);
+        std::string outcome = describe();
+        (void)!write(fds[1], outcome.data(), outcome.size());
+        _exit(0);
+    }
+    close(fds[1]);
+    int status = 0;
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (waitpid(child, &status, WNOHANG) == 0) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            kill(child, SIGKILL);
+            waitpid(child, &status, 0);
+            close(fds[0]);
+            return "still running";
+        }
+        usleep(5000);
+    }
+    std::string outcome;
+    char buffer[4096];
+    for (ssize_t n; (n = read(fds[0], buffer, sizeof buffer)) > 0;)
+        outcome.append(buffer, static_cast<std::size_t>(n));
+    close(fds[0]);
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? outcome : "crashed";
 }
 
 // The CorvaneError an operation ends with, or nothing when it succeeds.
