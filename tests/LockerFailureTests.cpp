@@ -80,13 +80,6 @@ public:
         return true;
     }
 
-    bool bindMount(const std::string& source, const std::string& place) {
-        std::filesystem::create_directories(place);
-        if (mount(source.c_str(), place.c_str(), nullptr, MS_BIND, nullptr) != 0) return false;
-        mounted.push_back(place);
-        return true;
-    }
-
     // What a failure that is undone must leave behind: the folder as it was, nothing attached,
     // no mount point, no journal entry and the records as they were.
     void expectNothingLeft(const Locker& locker, const Names& homeNames,

@@ -5,10 +5,12 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/mount.h>
 #include <unistd.h>
 
 #include "Engine/Locker.h"
 #include "FileSystem/GocryptfsTool.h"
+#include "FileSystem/MountTable.h"
 #include "FileSystem/ProcessRunner.h"
 #include "FileSystem/TreeVerifier.h"
 #include "TestSupport.h"
@@ -24,9 +26,14 @@ public:
         ProcessRunner::run("/bin/cp", {"-a", home + "/Taxes", pristine + "/Taxes"});
     }
 
+    // Every mount a test left under its folder goes, wherever a rename has taken it.
     void TearDown() override {
         for (const auto& image : ourMounts())
             ProcessRunner::run("/usr/bin/fusermount3", {"-u", "-z", image.mountPoint});
+        auto mounts = MountTable::read();
+        for (auto mount = mounts.rbegin(); mount != mounts.rend(); ++mount)
+            if (mount->mountPoint.starts_with(root.path() + "/"))
+                umount2(mount->mountPoint.c_str(), MNT_DETACH);
     }
 
     static void makeSample(const std::string& folder) {
@@ -34,6 +41,12 @@ public:
         writeFile(folder + "/2024/deep/empty.txt", "");
         writeFile(folder + "/notes 日本.txt", "notes");
         symlink("2024/scan é.pdf", (folder + "/latest").c_str());
+    }
+
+    // Mounts `source` again at `place`; false where mounting is not allowed. The test unmounts.
+    static bool bindMount(const std::string& source, const std::string& place) {
+        std::filesystem::create_directories(place);
+        return mount(source.c_str(), place.c_str(), nullptr, MS_BIND, nullptr) == 0;
     }
 
     Locker makeLocker() const {

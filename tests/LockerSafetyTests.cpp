@@ -15,7 +15,6 @@
 #include <thread>
 
 #include "Engine/Locker.h"
-#include "FileSystem/MountTable.h"
 #include "LockerFixture.h"
 #include "Records/ItemMarker.h"
 #include "Records/Paths.h"
@@ -35,20 +34,6 @@ const std::string kPassword = "locker safety password";
 
 class LockerSafetyTest : public testing::LockerFixture {
 public:
-    // Every mount a test left under its folder goes, wherever a rename has taken it.
-    void TearDown() override {
-        LockerFixture::TearDown();
-        auto mounts = MountTable::read();
-        for (auto mount = mounts.rbegin(); mount != mounts.rend(); ++mount)
-            if (mount->mountPoint.starts_with(root.path() + "/"))
-                umount2(mount->mountPoint.c_str(), MNT_DETACH);
-    }
-
-    bool bindMount(const std::string& source, const std::string& place) {
-        std::filesystem::create_directories(place);
-        return mount(source.c_str(), place.c_str(), nullptr, MS_BIND, nullptr) == 0;
-    }
-
     // A copy of `folder` beside the pristine sample, to compare a restored item with.
     std::string keepCopy(const std::string& folder) {
         std::string copy = pristine + "/before " + lastPathComponent(folder);

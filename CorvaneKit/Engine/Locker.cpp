@@ -98,18 +98,15 @@ bool Locker::isMarkedUnchangeable(const std::string& path) {
 
 void Locker::removeOwnedTree(const std::string& path) {
     std::string standardized = standardizedPath(path);
-    auto slash = standardized.rfind('/');
-    Folder(slash == 0 ? "/" : standardized.substr(0, slash))
-        .removeOwnedTree(standardized.substr(slash + 1));
+    Folder(parentPath(standardized)).removeOwnedTree(lastPathComponent(standardized));
 }
 
 bool Locker::isMountPoint(const std::string& path) {
     struct stat item {
     }, parent{};
     std::string standardized = standardizedPath(path);
-    auto slash = standardized.rfind('/');
-    std::string parentPath = slash == 0 ? "/" : standardized.substr(0, slash);
-    if (stat(standardized.c_str(), &item) != 0 || stat(parentPath.c_str(), &parent) != 0)
+    if (stat(standardized.c_str(), &item) != 0 ||
+        stat(parentPath(standardized).c_str(), &parent) != 0)
         return false;
     return item.st_dev != parent.st_dev;
 }

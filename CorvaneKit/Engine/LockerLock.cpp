@@ -121,11 +121,6 @@ void prepareClosedFolders(const std::string& volume, const std::vector<std::stri
     }
 }
 
-std::string parentOf(const std::string& path) {
-    auto slash = path.rfind('/');
-    return slash == 0 ? "/" : path.substr(0, slash);
-}
-
 void writeEmptyFile(const std::string& path) {
     int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (fd < 0) throw std::system_error(errno, std::generic_category(), path);
@@ -164,7 +159,7 @@ LockedItem Locker::lock(const std::string& path, const std::string& password,
     const std::string item = itemPath(path);
     ItemFacts facts = ItemFacts::inspect(item);
     if (auto refusal = policy.refusal(item, facts)) throw CorvaneError::refused(*refusal);
-    const std::string parentPath = parentOf(item);
+    const std::string parentPath = corvane::parentPath(item);
     const std::string name = lastPathComponent(item);
     // From here on the item is reached through its folder's descriptor, never its path again.
     const Folder parent(parentPath);

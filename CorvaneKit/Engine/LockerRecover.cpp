@@ -46,11 +46,6 @@ bool exists(const std::string& path) {
     return !path.empty() && lstat(path.c_str(), &status) == 0;
 }
 
-std::string parentOf(const std::string& path) {
-    auto slash = path.rfind('/');
-    return slash == 0 || slash == std::string::npos ? "/" : path.substr(0, slash);
-}
-
 // Whether anything in the tree at `path` was modified or changed status after `since` plus the
 // one second that rounding `since` to whole seconds may have taken away.
 bool changedSince(const std::string& path, Date since) {
@@ -125,7 +120,7 @@ void Locker::closeMountOf(const Uuid& id) const {
 
 void Locker::recoverLock(JournalEntry entry, RecoveryReport& report) const {
     closeMountOf(entry.id);
-    const std::string parentPath = parentOf(entry.originalPath);
+    const std::string parentPath = corvane::parentPath(entry.originalPath);
     if (!exists(parentPath)) return void(++report.keptForLater);
     const Folder parent(parentPath);
     const std::string name = lastPathComponent(entry.originalPath);
@@ -187,7 +182,7 @@ void Locker::recoverLock(JournalEntry entry, RecoveryReport& report) const {
 
 void Locker::recoverRestore(const JournalEntry& entry, RecoveryReport& report) const {
     closeMountOf(entry.id);
-    const std::string parentPath = parentOf(entry.originalPath);
+    const std::string parentPath = corvane::parentPath(entry.originalPath);
     if (!exists(parentPath)) return void(++report.keptForLater);
     const Folder parent(parentPath);
     const std::string lockedName = lastPathComponent(entry.originalPath);

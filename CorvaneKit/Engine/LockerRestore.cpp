@@ -105,7 +105,7 @@ std::string Locker::removeLock(const std::string& path, const std::string& passw
     const std::string locked = itemPath(path);
     if (!locked.ends_with(".corvlock")) throw CorvaneError::notLocked();
     if (!exists(locked)) throw CorvaneError::notFound();
-    const std::string parentPath = locked.substr(0, std::max<std::size_t>(locked.rfind('/'), 1));
+    const std::string parentPath = corvane::parentPath(locked);
     const std::string lockedName = lastPathComponent(locked);
     const Folder parent(parentPath);
 

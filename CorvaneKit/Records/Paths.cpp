@@ -80,7 +80,7 @@ std::string itemPath(std::string_view path) {
     auto slash = full.rfind('/');
     std::string name = full.substr(slash + 1);
     if (name.empty() || name == "." || name == "..") return realPath(full);
-    std::string folder = realPath(slash == 0 ? "/" : full.substr(0, slash));
+    std::string folder = realPath(parentPath(full));
     return (folder == "/" ? "" : folder) + "/" + name;
 }
 
@@ -100,6 +100,11 @@ std::string pathExtension(std::string_view name) {
     auto dot = name.rfind('.');
     if (dot == std::string_view::npos || dot == 0) return "";
     return std::string(name.substr(dot + 1));
+}
+
+std::string parentPath(std::string_view path) {
+    auto slash = path.rfind('/');
+    return slash == 0 || slash == std::string_view::npos ? "/" : std::string(path.substr(0, slash));
 }
 
 std::string lastPathComponent(std::string_view path) {

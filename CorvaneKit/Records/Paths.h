@@ -30,6 +30,9 @@ std::vector<std::string> pathComponents(std::string_view path);
 // ".env" has none.
 std::string pathExtension(std::string_view name);
 
+// The folder holding an absolute path ("/" for a name at the top).
+std::string parentPath(std::string_view path);
+
 // The last component of a path ("" for "/").
 std::string lastPathComponent(std::string_view path);
 
