@@ -92,9 +92,11 @@ public:
 
     // Re-keys every item behind `generation` from `from` to `to`, writing each item's new
     // generation as soon as its image is moved. Returns the items that could not be moved, with
-    // why; throws needsAllLocked while any item is open.
-    std::map<Uuid, CorvaneError> changePassword(const std::string& from, const std::string& to,
-                                                std::int64_t generation);
+    // why; throws needsAllLocked while any item is open. `moving` hears of each item before its
+    // image is re-keyed.
+    std::map<Uuid, CorvaneError> changePassword(
+        const std::string& from, const std::string& to, std::int64_t generation,
+        const std::function<void(const LockedItem&)>& moving = nullptr);
     // The display names of the items still behind `generation`, in index order.
     std::vector<std::string> itemsStillMigrating(std::int64_t generation) const;
 

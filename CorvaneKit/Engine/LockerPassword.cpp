@@ -8,14 +8,16 @@
 
 namespace corvane {
 
-std::map<Uuid, CorvaneError> Locker::changePassword(const std::string& from, const std::string& to,
-                                                    std::int64_t generation) {
+std::map<Uuid, CorvaneError> Locker::changePassword(
+    const std::string& from, const std::string& to, std::int64_t generation,
+    const std::function<void(const LockedItem&)>& moving) {
     // An open image cannot be re-keyed safely.
     if (!openItems().empty()) throw CorvaneError::needsAllLocked();
     std::map<Uuid, CorvaneError> failures;
     bool movedOne = false;
     for (LockedItem item : index.load()) {
         if (item.passwordGeneration >= generation) continue;
+        if (moving) moving(item);
         auto image = ItemIndex::locate(item);
         if (!image) {
             failures.emplace(item.id, CorvaneError::notFound());
