@@ -40,6 +40,24 @@ TEST(PasswordRules, ProblemOnlyBelowEightCharacters) {
         EXPECT_EQ(PasswordRules::problem(password), problem) << "length misjudged for " << password;
 }
 
+TEST(PasswordRules, InputProblemBeforeAnyWork) {
+    const std::string longest(PasswordRules::maximumBytes, 'x'),
+        lineBreak = "A password cannot contain a line break.";
+    const std::pair<std::string, std::optional<std::string>> rows[] = {
+        {"", "The password is empty."},
+        {"a\nb", lineBreak},
+        {"ab\n", lineBreak},
+        {"\rab", lineBreak},
+        {longest + "x", "A password can be at most 2048 bytes long."},
+        {longest, std::nullopt},
+        {"x", std::nullopt},  // short is problem()'s to judge, for new passwords only
+        {"tab\tand space ", std::nullopt},
+    };
+    for (const auto& [password, problem] : rows)
+        EXPECT_EQ(PasswordRules::inputProblem(password), problem)
+            << "misjudged a password of " << password.size() << " bytes";
+}
+
 TEST(PasswordRules, StrengthTable) {
     const std::pair<const char*, Strength> rows[] = {
         {"abcdefgh", Strength::weak},            // one class

@@ -179,5 +179,34 @@ TEST(SupportLock, OneProcessAtATimeInAPrivateDirectory) {
     EXPECT_NE(SupportLock::acquire(support), nullptr) << "a lock outlived the process that held it";
 }
 
+TEST(SupportLock, AFolderThatCannotBeMadeSaysWhy) {
+    TempDir dir;
+    writeFile(dir / "file", "");
+    ASSERT_EQ(mkdir((dir / "readonly").c_str(), 0555), 0);
+    ASSERT_EQ(mkdir((dir / "lockIsFolder").c_str(), 0755), 0);
+    ASSERT_EQ(mkdir((dir / "lockIsFolder/.corvane.lock").c_str(), 0700), 0);
+    ASSERT_EQ(mkdir((dir / "lockIsLink").c_str(), 0755), 0);
+    ASSERT_EQ(symlink("../file", (dir / "lockIsLink/.corvane.lock").c_str()), 0);
+    const std::pair<std::string, std::string> rows[] = {
+        {dir / "file/corvane", "Not a directory"},
+        {dir / "readonly/corvane", "Permission denied"},
+        {dir / "lockIsFolder", "Is a directory"},
+        {dir / "lockIsLink", "Too many levels of symbolic links"},
+    };
+    for (const auto& [support, reason] : rows) {
+        std::string outcome = outcomeInChild(
+            [&]() -> std::string {
+                try {
+                    return SupportLock::acquire(support) ? "acquired" : "held elsewhere";
+                } catch (const std::system_error& error) {
+                    return error.what();
+                }
+            },
+            true);
+        EXPECT_EQ(outcome, "Corvane could not create its folder " + support + ": " + reason);
+    }
+    EXPECT_EQ(readFile(dir / "file"), "") << "the lock went through a link";
+}
+
 }  // namespace
 }  // namespace corvane

@@ -75,6 +75,15 @@ std::optional<std::string> PasswordRules::problem(std::string_view password) {
     return "Use at least " + std::to_string(minimumLength) + " characters.";
 }
 
+std::optional<std::string> PasswordRules::inputProblem(std::string_view password) {
+    if (password.empty()) return "The password is empty.";
+    if (password.find_first_of("\r\n") != std::string_view::npos)
+        return "A password cannot contain a line break.";
+    if (password.size() > maximumBytes)
+        return "A password can be at most " + std::to_string(maximumBytes) + " bytes long.";
+    return std::nullopt;
+}
+
 PasswordRules::Strength PasswordRules::strength(std::string_view password) {
     CharacterClasses classes;
     std::size_t length =

@@ -13,11 +13,17 @@ namespace corvane {
 
 struct PasswordRules {
     static constexpr std::size_t minimumLength = 8;
+    // The most gocryptfs takes as a password on standard input.
+    static constexpr std::size_t maximumBytes = 2048;
 
     enum class Strength { weak = 0, fair = 1, strong = 2 };
 
     // Nothing when the password may be used.
     static std::optional<std::string> problem(std::string_view password);
+
+    // Nothing when any password, old or new, can be passed on at all: not empty, one line, at
+    // most maximumBytes. Checked before any work, so a bad entry costs nothing.
+    static std::optional<std::string> inputProblem(std::string_view password);
 
     // Advisory only: problem() alone decides acceptance.
     static Strength strength(std::string_view password);

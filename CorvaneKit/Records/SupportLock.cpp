@@ -2,26 +2,47 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <system_error>
 
 #include "Records/JSONCodec.h"
 
 namespace corvane {
 
+namespace {
+
+[[noreturn]] void throwCannotCreate(int error, const std::string& directory) {
+    throw std::system_error(error, std::generic_category(),
+                            "Corvane could not create its folder " + directory);
+}
+
+}  // namespace
+
 std::unique_ptr<SupportLock> SupportLock::acquire(const std::string& directory) {
     try {
         JSONCodec::createDirectories(directory, 0700);
-    } catch (const std::system_error&) {
-        // The open below fails on its own if the directory is really missing.
+    } catch (const std::system_error& error) {
+        throwCannotCreate(error.code().value(), directory);
     }
     std::string path = directory + "/" + std::string(fileName);
-    int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    if (fd < 0) return nullptr;
-    if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+    // Whatever sits at the lock file's name is not followed or waited on: only a file will do.
+    int fd = open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
+    if (fd < 0) throwCannotCreate(errno, directory);
+    struct stat status {};
+    int error = fstat(fd, &status) != 0 ? errno : !S_ISREG(status.st_mode) ? EINVAL : 0;
+    if (error != 0) {
         close(fd);
-        return nullptr;
+        throwCannotCreate(error, directory);
+    }
+    while (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+        error = errno;
+        if (error == EINTR) continue;
+        close(fd);
+        if (error == EWOULDBLOCK) return nullptr;
+        throwCannotCreate(error, directory);
     }
     return std::unique_ptr<SupportLock>(new SupportLock(fd));
 }

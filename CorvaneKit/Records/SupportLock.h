@@ -13,7 +13,10 @@ class SupportLock {
 public:
     static constexpr std::string_view fileName = ".corvane.lock";
 
-    // Nothing when another process holds the directory or the lock file cannot be opened.
+    // Creates the directory (0700) when missing and takes the lock. Nothing when another process
+    // holds it. A directory or lock file that cannot be created or opened throws
+    // std::system_error with the system's errno; its what() reads
+    // "Corvane could not create its folder DIRECTORY: REASON".
     static std::unique_ptr<SupportLock> acquire(const std::string& directory);
 
     ~SupportLock();
