@@ -1,25 +1,82 @@
 #include "CommandContext.h"
 
+#include <system_error>
+
 #include "CommandFailure.h"
 #include "Engine/AppPaths.h"
 #include "FileSystem/GocryptfsTool.h"
+#include "MigrationMessage.h"
+#include "TerminalText.h"
 
 namespace corvane::cli {
 
 Locker& CommandContext::locker(bool announce) {
     if (locker_) return *locker_;
     std::string support = AppPaths::support();
-    supportLock_ = SupportLock::acquire(support);
+    try {
+        supportLock_ = SupportLock::acquire(support);
+    } catch (const std::system_error& error) {
+        throw CommandFailure(error.what());
+    }
     if (!supportLock_)
-        throw CommandFailure("Another Corvane is working on " + support +
+        throw CommandFailure("Another Corvane is working on " + forError(support) +
                              ". Wait for it to finish, then try again.");
     locker_ = std::make_unique<Locker>(support, AppPaths::home(), settings_.applicationLocation,
                                        std::make_shared<GocryptfsTool>());
     // Whatever an interrupted command left is finished or undone before anything else runs.
-    recovery_ = locker_->recover();
-    if (auto notice = recovery_.notice(); notice && announce)
+    RecoveryReport report = locker_->recover();
+    if (!recovered_) recovery_ = report;
+    recovered_ = true;
+    if (auto notice = report.notice(); notice && announce)
         notices_ << notice->title << "\n" << notice->body << "\n";
+    finishPasswordMigration(*locker_);
     return *locker_;
+}
+
+void CommandContext::letGo() {
+    locker_.reset();
+    supportLock_.reset();
+}
+
+// Items a password change could not reach then are moved as soon as they can be: every command
+// that opens the records tries again.
+void CommandContext::finishPasswordMigration(Locker& locker) {
+    try {
+        if (locker.index.load().empty()) return;
+        auto secret = store_.load();
+        if (!secret) return;
+        if (locker.itemsStillMigrating(secret->generation).empty()) {
+            if (secret->previous) store_.save(secret->migrated());
+            return;
+        }
+        if (!secret->previous) return;
+        if (!locker.openItems().empty()) {
+            notices_ << "Lock every unlocked item to finish updating your password.\n";
+            return;
+        }
+        auto failures =
+            locker.changePassword(*secret->previous, secret->password, secret->generation);
+        if (failures.empty()) {
+            store_.save(secret->migrated());
+            return;
+        }
+        std::vector<std::string> names;
+        for (const auto& item : locker.index.load())
+            if (failures.contains(item.id)) names.push_back(forError(item.displayName));
+        notices_ << migrationFailureMessage(names, failures.size()) << '\n';
+    } catch (const std::exception& error) {
+        // The command the user asked for still runs; the migration waits for the next one.
+        notices_ << "Corvane could not finish updating your password: " << forError(error.what())
+                 << "\n";
+    }
+}
+
+std::string CommandContext::forOutput(const std::string& text) const {
+    return settings_.outputIsTerminal ? escapedControls(text) : text;
+}
+
+std::string CommandContext::forError(const std::string& text) const {
+    return settings_.errorIsTerminal ? escapedControls(text) : text;
 }
 
 }  // namespace corvane::cli

@@ -13,16 +13,24 @@ const std::string CommandLine::usage =
     "Usage: corvane [--password-stdin] COMMAND [ARGUMENTS]\n"
     "\n"
     "Commands:\n"
+    "  setup                          create the password that protects every locked item\n"
     "  lock PATH...                   lock files and folders where they stand\n"
     "  unlock PATH                    open a locked item; prints where its contents are\n"
     "  lock-now [--force] PATH...     close open items (--force: even while in use)\n"
     "  lock-now [--force] --all       close every open item\n"
-    "  remove-lock PATH               turn a locked item back into normal files\n"
+    "  remove-lock [--yes] PATH       turn a locked item back into normal files\n"
+    "  passwd                         change the password and move every item to it\n"
     "  list [--json]                  show every locked item\n"
+    "  forget [--yes] PATH|ID         stop listing an item (nothing is deleted)\n"
+    "  locate [--id ID] PATH          list a locked item that was found again\n"
+    "  status [--json]                what Corvane needs and how it stands\n"
+    "  config [idle-minutes N | fingerprint on|off]\n"
+    "                                 show or change the settings\n"
     "  recover [--json]               finish or undo interrupted work (every command does first)\n"
     "\n"
     "Options:\n"
-    "  --password-stdin               read the password from the first line of input\n"
+    "  --password-stdin               read passwords from standard input, one per line, instead\n"
+    "                                 of asking at the terminal\n"
     "  --help                         show this help\n"
     "  --version                      show the version\n";
 
@@ -31,9 +39,18 @@ namespace {
 using Command = int (*)(CommandContext&, const Words&, std::istream&, std::ostream&, std::ostream&);
 
 const std::map<std::string, Command, std::less<>> kCommands = {
-    {"lock", runLock},        {"unlock", runUnlock},
-    {"lock-now", runLockNow}, {"remove-lock", runRemoveLock},
-    {"list", runList},        {"recover", runRecover},
+    {"setup", runSetup},
+    {"lock", runLock},
+    {"unlock", runUnlock},
+    {"lock-now", runLockNow},
+    {"remove-lock", runRemoveLock},
+    {"passwd", runPasswd},
+    {"list", runList},
+    {"forget", runForget},
+    {"locate", runLocate},
+    {"status", runStatus},
+    {"config", runConfig},
+    {"recover", runRecover},
 };
 
 // Takes `option` out of the words before "--"; whether it was there.
@@ -68,7 +85,7 @@ int CommandLine::run(std::vector<std::string> words, CommandContext::Settings se
             throw UsageError((name.starts_with("-") ? "unknown option " : "unknown command ") +
                              name);
 
-        CommandContext context(std::move(settings), cancel, err);
+        CommandContext context(std::move(settings), cancel, in, err);
         return command->second(context, words, in, out, err);
     } catch (const UsageError& error) {
         err << "corvane: " << error.what() << "\n"

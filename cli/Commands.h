@@ -26,5 +26,17 @@ int runList(CommandContext& context, const Words& words, std::istream& in, std::
             std::ostream& err);
 int runRecover(CommandContext& context, const Words& words, std::istream& in, std::ostream& out,
                std::ostream& err);
+int runSetup(CommandContext& context, const Words& words, std::istream& in, std::ostream& out,
+             std::ostream& err);
+int runPasswd(CommandContext& context, const Words& words, std::istream& in, std::ostream& out,
+              std::ostream& err);
+int runForget(CommandContext& context, const Words& words, std::istream& in, std::ostream& out,
+              std::ostream& err);
+int runLocate(CommandContext& context, const Words& words, std::istream& in, std::ostream& out,
+              std::ostream& err);
+int runStatus(CommandContext& context, const Words& words, std::istream& in, std::ostream& out,
+              std::ostream& err);
+int runConfig(CommandContext& context, const Words& words, std::istream& in, std::ostream& out,
+              std::ostream& err);
 
 }  // namespace corvane::cli

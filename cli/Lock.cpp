@@ -1,38 +1,38 @@
-// corvane lock PATH...: locks each item where it stands and prints where its locked item is.
+// corvane lock PATH...: locks each item where it stands under the stored password and prints
+// where its locked item is. It asks nothing: the password was proven when it was set.
 #include "Arguments.h"
+#include "CommandFailure.h"
 #include "Commands.h"
 #include "FailureMessage.h"
+#include "ItemName.h"
 #include "ProgressReporter.h"
-#include "Records/CorvaneError.h"
-#include "Records/Paths.h"
 #include "UsageError.h"
 
 namespace corvane::cli {
 
-namespace {
-
-// Until the keyring keeps the password and its generations, every lock uses the first one.
-constexpr std::int64_t kPasswordGeneration = 1;
-
-}  // namespace
-
-int runLock(CommandContext& context, const Words& words, std::istream& in, std::ostream& out,
+int runLock(CommandContext& context, const Words& words, std::istream&, std::ostream& out,
             std::ostream& err) {
     Arguments arguments = Arguments::parse(words, {});
     if (arguments.operands.empty()) throw UsageError("lock needs the path of a file or folder");
+    StoredSecret secret = context.passwords().requireRecord();
+    // A script that pipes a password gets it checked, so a typo never goes unnoticed.
+    if (context.prompter().fromInput()) {
+        auto typed = context.prompter().password("", "");
+        if (!typed || !(*typed == secret.password))
+            throw CommandFailure("That password did not work.");
+    }
     Locker& locker = context.locker();
-    std::string password = context.password(in, err);
 
     bool several = arguments.operands.size() > 1;
     bool failed = false;
     for (const auto& path : arguments.operands) {
-        std::string name = lastPathComponent(standardizedPath(path));
+        std::string name = context.forError(itemName(path));
         try {
             ProgressReporter progress(err, context.errorIsTerminal(), name);
-            LockedItem item = locker.lock(path, password, kPasswordGeneration, &context.cancel(),
-                                          progress.callback());
+            LockedItem item = locker.lock(path, secret.password, secret.generation,
+                                          &context.cancel(), progress.callback());
             progress.finish();
-            out << item.lastKnownPath << '\n' << std::flush;
+            out << context.forOutput(item.lastKnownPath) << '\n' << std::flush;
         } catch (...) {
             if (!several) throw;
             err << "Could not lock " << name << ": " << failureMessage(std::current_exception())

@@ -1,10 +1,13 @@
-// corvane lock-now PATH... | --all: closes open items. A path names an item by its locked item, its
-// mount point or the contents shown there.
+// corvane lock-now PATH... | --all: closes open items, then makes the desktop forget the previews
+// and recent entries made while they were open. A path names an item by its locked item, its mount
+// point or the contents shown there.
 #include <set>
 
 #include "Arguments.h"
 #include "Commands.h"
 #include "FailureMessage.h"
+#include "FileSystem/FileWalk.h"
+#include "FileSystem/ThumbnailScrubber.h"
 #include "Records/Paths.h"
 #include "UsageError.h"
 
@@ -39,7 +42,7 @@ int runLockNow(CommandContext& context, const Words& words, std::istream&, std::
     for (const auto& path : arguments.operands) {
         std::optional<OpenItem> item = openItemAt(path, open);
         if (!item) {
-            err << lastPathComponent(standardizedPath(path)) << " is not open.\n";
+            err << context.forError(lastPathComponent(standardizedPath(path))) << " is not open.\n";
             failed = true;
         } else if (chosenIds.insert(item->id).second) {
             chosen.push_back(*item);
@@ -48,11 +51,21 @@ int runLockNow(CommandContext& context, const Words& words, std::istream&, std::
 
     for (const auto& item : chosen) {
         try {
+            // What was shown while open is named by paths below the mount point; learn them
+            // while they can still be walked.
+            std::string contents = item.contentURL();
+            std::vector<std::string> entries;
+            try {
+                entries = FileWalk::relativePaths(contents);
+            } catch (const std::exception&) {
+                // The item itself is still forgotten.
+            }
             locker.relock(item, arguments.has("--force"));
-            out << item.lockedURL << '\n' << std::flush;
+            ThumbnailScrubber::reset(contents, entries);
+            out << context.forOutput(item.lockedURL) << '\n' << std::flush;
         } catch (...) {
             if (chosen.size() == 1 && !failed) throw;
-            err << "Could not lock " << item.name << ": "
+            err << "Could not lock " << context.forError(item.name) << ": "
                 << failureMessage(std::current_exception()) << '\n';
             failed = true;
         }

@@ -1,46 +1,39 @@
-// corvane remove-lock PATH: turns a locked item back into normal files beside it and prints where
-// they are.
-#include <algorithm>
-#include <cctype>
-
+// corvane remove-lock [--yes] PATH: turns a locked item back into normal files beside it, after
+// the user confirmed and proved knowing the password, and prints where they are.
 #include "Arguments.h"
 #include "Commands.h"
+#include "ItemName.h"
 #include "ProgressReporter.h"
-#include "Records/Paths.h"
 #include "UsageError.h"
 
 namespace corvane::cli {
 
-namespace {
-
-// The name the item will have again: the locked item's name without its extension.
-std::string restoredName(const std::string& path) {
-    std::string name = lastPathComponent(standardizedPath(path));
-    constexpr std::string_view extension = ".corvlock";
-    std::string lowered = name;
-    std::transform(lowered.begin(), lowered.end(), lowered.begin(),
-                   [](unsigned char c) { return std::tolower(c); });
-    if (lowered.size() > extension.size() && lowered.ends_with(extension))
-        name.resize(name.size() - extension.size());
-    return name;
-}
-
-}  // namespace
-
-int runRemoveLock(CommandContext& context, const Words& words, std::istream& in, std::ostream& out,
+int runRemoveLock(CommandContext& context, const Words& words, std::istream&, std::ostream& out,
                   std::ostream& err) {
-    Arguments arguments = Arguments::parse(words, {});
+    Arguments arguments = Arguments::parse(words, {"--yes"});
     if (arguments.operands.size() != 1)
         throw UsageError("remove-lock takes the path of one locked item");
     const std::string& path = arguments.operands.front();
-    Locker& locker = context.locker();
-    std::string password = context.password(in, err);
+    std::string name = itemName(path);
+    std::string shown = context.forError(name);
+    if (!context.prompter().confirm("Remove the lock from " + shown + "?\n" + shown +
+                                        " turns back into normal files that anyone using this "
+                                        "computer can open.",
+                                    arguments.has("--yes")))
+        return 1;
+    auto password = context.passwords().verifiedPassword("remove the lock from " + name);
+    if (!password) return 1;
 
-    ProgressReporter progress(err, context.errorIsTerminal(), restoredName(path));
-    std::string restored =
-        locker.removeLock(path, password, &context.cancel(), progress.callback());
+    ProgressReporter progress(err, context.errorIsTerminal(), shown);
+    auto restored = context.passwords().withItemPassword<std::string>(
+        *password,
+        [&](const std::string& each) {
+            return context.locker().removeLock(path, each, &context.cancel(), progress.callback());
+        },
+        [&] { context.letGo(); });
+    if (!restored) return 1;
     progress.finish();
-    out << restored << '\n';
+    out << context.forOutput(*restored) << '\n';
     return 0;
 }
 

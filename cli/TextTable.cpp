@@ -1,9 +1,16 @@
 #include "TextTable.h"
 
+#include "TerminalText.h"
+
 #include <algorithm>
 #include <cstdint>
 
 namespace corvane::cli {
+
+void TextTable::add(std::vector<std::string> row) {
+    for (auto& cell : row) cell = escapedControls(cell);
+    rows_.push_back(std::move(row));
+}
 
 namespace {
 

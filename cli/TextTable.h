@@ -12,7 +12,9 @@ namespace corvane::cli {
 
 class TextTable {
 public:
-    void add(std::vector<std::string> row) { rows_.push_back(std::move(row)); }
+    // Control characters in a cell are shown escaped: a line break in a file name must not
+    // break its row.
+    void add(std::vector<std::string> row);
 
     // Two spaces between columns; the last column is not padded.
     void print(std::ostream& out) const;

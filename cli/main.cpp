@@ -16,6 +16,7 @@ int main(int argc, char** argv) {
 
     cli::CommandContext::Settings settings;
     settings.inputIsTerminal = isatty(STDIN_FILENO) == 1;
+    settings.outputIsTerminal = isatty(STDOUT_FILENO) == 1;
     settings.errorIsTerminal = isatty(STDERR_FILENO) == 1;
     settings.applicationLocation = OpenFiles::executablePath(getpid());
     int status = cli::CommandLine::run({argv + 1, argv + argc}, std::move(settings), cancel,
