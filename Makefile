@@ -7,11 +7,14 @@
 #   make bench  the benchmarks, on an optimised build
 #   make torture  200 commands killed at random moments, each settled by recovery, on an optimised
 #               build; nothing may be lost or left behind
+#   make fuzz   builds the fuzzers with clang, runs each for FUZZ_SECONDS (60) on a copy of its seed
+#               corpus, or for FUZZ_RUNS executions when given; fails when one crashes
 
 BUILD_DIR ?= build
+FUZZ_SECONDS ?= 60
 JOBS ?= $(shell nproc)
 
-.PHONY: deps demo test build bench torture clean
+.PHONY: deps demo test build bench torture fuzz clean
 
 deps:
 	scripts/install-deps
@@ -38,6 +41,9 @@ bench: build
 
 torture: build
 	tests/torture/torture.sh $(BUILD_DIR)/release/cli/corvane 200
+
+fuzz: deps
+	FUZZ_SECONDS=$(FUZZ_SECONDS) FUZZ_RUNS=$(FUZZ_RUNS) JOBS=$(JOBS) fuzz/run.sh $(BUILD_DIR)/fuzz
 
 clean:
 	rm -rf $(BUILD_DIR)
