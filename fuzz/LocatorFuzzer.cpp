@@ -5,7 +5,9 @@
 // fuzzer can reach the files it holds: a regular file, a link to it, a FIFO and a subfolder.
 #include <sys/stat.h>
 
+#include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -16,6 +18,25 @@
 using namespace corvane;
 
 namespace {
+
+// What a locator holds, read the way Locator::make writes it (checked once at start-up), so that
+// every answer can be held against the record it came from.
+struct Recorded {
+    std::uint64_t device = 0, inode = 0;
+    std::string path;
+
+    static std::optional<Recorded> read(std::string_view text) {
+        try {
+            auto record = JSONCodec::decode(text);
+            JSONFields::object(record, "locator");
+            return Recorded{JSONFields::uint64(JSONFields::required(record, "device"), "device"),
+                            JSONFields::uint64(JSONFields::required(record, "inode"), "inode"),
+                            JSONFields::requiredString(record, "path")};
+        } catch (const DecodingError&) {
+            return std::nullopt;
+        }
+    }
+};
 
 struct Scene {
     std::string folder;
@@ -46,6 +67,13 @@ const Scene& scene() {
                               {"@ITEM_INO@", inodeOf(scene.folder + "/item")},
                               {"@LINK_INO@", inodeOf(scene.folder + "/link")},
                               {"@SUB_INO@", inodeOf(sub)}};
+        for (const auto& name : {"item", "link", "fifo", "sub"}) {
+            std::string path = scene.folder + "/" + name;
+            auto locator = Locator::make(path);
+            CORVANE_FUZZ_CHECK(locator && Locator::resolve(*locator) == path);
+            auto record = Recorded::read(fuzzing::text(locator->data(), locator->size()));
+            CORVANE_FUZZ_CHECK(record && record->path == path);
+        }
         return scene;
     }();
     return made;
@@ -66,21 +94,13 @@ bool isFile(const std::string& path, std::uint64_t device, std::uint64_t inode) 
 }
 
 void check(const std::string& text) {
-    std::vector<std::uint8_t> bytes(text.begin(), text.end());
-    auto resolved = Locator::resolve(bytes);
-
-    std::uint64_t device = 0, inode = 0;
-    std::string path;
-    try {
-        auto record = JSONCodec::decode(text);
-        JSONFields::object(record, "locator");
-        device = JSONFields::uint64(JSONFields::required(record, "device"), "device");
-        inode = JSONFields::uint64(JSONFields::required(record, "inode"), "inode");
-        path = JSONFields::requiredString(record, "path");
-    } catch (const DecodingError&) {
+    auto resolved = Locator::resolve(std::vector<std::uint8_t>(text.begin(), text.end()));
+    auto record = Recorded::read(text);
+    if (!record) {
         CORVANE_FUZZ_CHECK(!resolved);
         return;
     }
+    auto [device, inode, path] = *record;
     if (isFile(path, device, inode)) CORVANE_FUZZ_CHECK(resolved == path);
     if (!resolved) return;
     // A name with a NUL in it would be checked under one path and handed back as another.

@@ -43,9 +43,12 @@ cmake --build "$build" -j "$jobs" --target "${targets[@]/#/corvane-fuzz-}"
 if [[ -n "$runs" ]]; then limit=(-runs="$runs"); else limit=(-max_total_time="$seconds"); fi
 export ASAN_OPTIONS=abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 # The record writers sync every file they replace; on a memory file system that costs nothing,
-# which makes the targets that write several times faster.
-scratch=${TMPDIR:-/tmp}
-[[ -z "${TMPDIR:-}" && -d /dev/shm && -w /dev/shm ]] && scratch=/dev/shm
+# which makes the targets that write several times faster. A crashed target leaves its scratch
+# folder behind, so they all go in one that is removed at the end.
+memory=/dev/shm
+[[ -n "${TMPDIR:-}" || ! -d "$memory" || ! -w "$memory" ]] && memory=${TMPDIR:-/tmp}
+scratch=$(mktemp -d "$memory/corvane-fuzz-run.XXXXXX")
+trap 'rm -rf "$probe" "$scratch"' EXIT
 summary="$build/summary.txt"
 printf '%-18s %12s %8s %9s %7s %7s %6s\n' target executions seconds exec/s cov ft result \
     >"$summary"
