@@ -49,15 +49,20 @@ void CommandContext::finishPasswordMigration(Locker& locker) {
             if (secret->previous) store_.save(secret->migrated());
             return;
         }
-        if (!secret->previous) return;
         if (!locker.openItems().empty()) {
             notices_ << "Lock every unlocked item to finish updating your password.\n";
             return;
         }
-        auto failures =
-            locker.changePassword(*secret->previous, secret->password, secret->generation);
+        // An item may have been away through more than one change: each earlier password in
+        // turn, newest first, moves the items it opens.
+        std::map<Uuid, CorvaneError> failures;
+        for (const auto& earlier : secret->openCandidates()) {
+            if (earlier == secret->password) continue;
+            failures = locker.changePassword(earlier, secret->password, secret->generation);
+            if (failures.empty()) break;
+        }
         if (failures.empty()) {
-            store_.save(secret->migrated());
+            if (secret->previous) store_.save(secret->migrated());
             return;
         }
         std::vector<std::string> names;

@@ -7,6 +7,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "CliFixture.h"
 #include "CommandLine.h"
 #include "Engine/AppPaths.h"
 #include "Engine/Locker.h"
@@ -18,57 +19,22 @@
 namespace corvane {
 namespace {
 
+using testing::CliTest;
+using testing::Outcome;
 using testing::readFile;
-using testing::TempDir;
+using testing::ScopedVariable;
 using testing::writeFile;
 
-// Sets (or with nothing, unsets) an environment variable and puts back what was there.
-class ScopedVariable {
-public:
-    ScopedVariable(std::string name, const std::optional<std::string>& value) : name_(name) {
-        if (const char* old = std::getenv(name_.c_str())) old_ = old;
-        value ? setenv(name_.c_str(), value->c_str(), 1) : unsetenv(name_.c_str());
-    }
-    ~ScopedVariable() { old_ ? setenv(name_.c_str(), old_->c_str(), 1) : unsetenv(name_.c_str()); }
-
-private:
-    std::string name_;
-    std::optional<std::string> old_;
-};
-
-struct Outcome {
-    int status;
-    std::string out;
-    std::string err;
-};
-
-class CliTest : public ::testing::Test {
+class CliCommandTest : public CliTest {
 protected:
-    void TearDown() override {
-        for (const auto& image : GocryptfsTool().attachedImages())
-            if (image.mountPoint.starts_with(root.path() + "/"))
-                ProcessRunner::run("/usr/bin/fusermount3", {"-u", "-z", image.mountPoint});
-    }
-
-    Outcome run(const std::vector<std::string>& words, const std::string& input = "pw\n") {
-        std::istringstream in(input);
-        std::ostringstream out, err;
-        int status = cli::CommandLine::run(words, {}, cancel, in, out, err);
-        return {status, out.str(), err.str()};
-    }
-
     nlohmann::json listed() { return nlohmann::json::parse(run({"list", "--json"}).out); }
 
-    TempDir root;
-    ScopedVariable support{"CORVANE_SUPPORT_DIR", root / "Support"};
-    ScopedVariable home{"HOME", root / "Home"};
-    CancelToken cancel;
     std::string sample = root / "Work/Grüße 日本";
     std::string locked = sample + ".corvlock";
     std::string data = std::string(1500, 'x');
 };
 
-TEST_F(CliTest, LockListUnlockCloseAndRemove) {
+TEST_F(CliCommandTest, LockListUnlockCloseAndRemove) {
     writeFile(sample + "/notes.txt", "secret notes");
     writeFile(sample + "/Sub/data.bin", data);
 
@@ -119,7 +85,7 @@ TEST_F(CliTest, LockListUnlockCloseAndRemove) {
     EXPECT_EQ(notOpen.status, 1);
     EXPECT_EQ(notOpen.err, "Grüße 日本.corvlock is not open.\n");
 
-    Outcome remove = run({"remove-lock", "--password-stdin", locked});
+    Outcome remove = run({"remove-lock", "--yes", "--password-stdin", locked});
     ASSERT_EQ(remove.status, 0) << remove.err;
     EXPECT_EQ(remove.out, sample + "\n");
     EXPECT_EQ(remove.err, "Restoring Grüße 日本…\nFinishing up…\n");
@@ -130,7 +96,7 @@ TEST_F(CliTest, LockListUnlockCloseAndRemove) {
     EXPECT_EQ(run({"list", "--json"}).out, "[]\n");
 }
 
-TEST_F(CliTest, MisuseEndsWithStatusTwo) {
+TEST_F(CliCommandTest, MisuseEndsWithStatusTwo) {
     struct Case {
         std::vector<std::string> words;
         std::string firstLine;
@@ -147,8 +113,15 @@ TEST_F(CliTest, MisuseEndsWithStatusTwo) {
         {{"remove-lock"}, "corvane: remove-lock takes the path of one locked item"},
         {{"lock-now"}, "corvane: lock-now needs the path of an open item, or --all"},
         {{"lock-now", "--all", locked}, "corvane: lock-now --all takes no paths"},
-        {{"lock", root / "Work"},
+        {{"unlock", locked},
          "corvane: a password is needed: type it at a terminal or pass --password-stdin"},
+        {{"remove-lock", locked},
+         "corvane: this needs your answer: run it at a terminal, or add --yes"},
+        {{"config", "idle-minutes", "7"},
+         "corvane: idle-minutes must be 5, 15, 30, 60, or 0 for never"},
+        {{"config", "fingerprint", "maybe"}, "corvane: fingerprint must be on or off"},
+        {{"locate", "--id", "nonsense", locked},
+         "corvane: locate --id takes an item's id and the path of its locked item"},
     };
     for (const auto& [words, firstLine] : cases) {
         Outcome misuse = run(words);
@@ -169,7 +142,7 @@ TEST_F(CliTest, MisuseEndsWithStatusTwo) {
         << version.out;
 }
 
-TEST_F(CliTest, FailuresPrintTheirSentenceAlone) {
+TEST_F(CliCommandTest, FailuresPrintTheirSentenceAlone) {
     writeFile(sample + "/notes.txt", "secret notes");
     writeFile(root / "Work/plain.txt", "plain");
     struct Case {
@@ -179,10 +152,13 @@ TEST_F(CliTest, FailuresPrintTheirSentenceAlone) {
     };
     const Case cases[] = {
         {{"unlock", root / "Work/plain.txt"}, "pw\n", "This is not a Corvane locked item.\n"},
-        {{"remove-lock", sample}, "pw\n", "This is not a Corvane locked item.\n"},
+        {{"remove-lock", "--yes", sample}, "pw\n", "This is not a Corvane locked item.\n"},
         {{"unlock", root / "Work/gone.corvlock"}, "pw\n", "That item could not be found.\n"},
-        {{"lock", sample}, "\n", "corvane: the password is empty\n"},
-        {{"lock", sample}, "", "corvane: standard input ended before a password\n"},
+        {{"unlock", root / "Work/gone.corvlock"}, "pW\n", "That password did not work.\n"},
+        // A piped password is checked even where none is needed: a typo must not go unnoticed.
+        {{"lock", sample}, "\n", "That password did not work.\n"},
+        {{"lock", sample}, "", "That password did not work.\n"},
+        {{"lock", sample}, "pw \n", "That password did not work.\n"},
     };
     for (const auto& [words, input, expected] : cases) {
         std::vector<std::string> withPassword = words;
@@ -199,7 +175,7 @@ TEST_F(CliTest, FailuresPrintTheirSentenceAlone) {
     EXPECT_NE(several.err.find("Could not lock missing: That item no longer exists.\n"),
               std::string::npos)
         << several.err;
-    EXPECT_EQ(run({"--password-stdin", "remove-lock", locked}).status, 0);
+    EXPECT_EQ(run({"--password-stdin", "remove-lock", "--yes", locked}).status, 0);
 
     cancel.cancel();
     Outcome cancelled = run({"--password-stdin", "lock", sample});
@@ -209,7 +185,7 @@ TEST_F(CliTest, FailuresPrintTheirSentenceAlone) {
     EXPECT_FALSE(std::filesystem::exists(locked));
 }
 
-TEST_F(CliTest, AnotherProcessHoldingTheSupportDirectoryStopsTheCommand) {
+TEST_F(CliCommandTest, AnotherProcessHoldingTheSupportDirectoryStopsTheCommand) {
     int ready[2], release[2];
     ASSERT_EQ(pipe(ready), 0);
     ASSERT_EQ(pipe(release), 0);
@@ -241,7 +217,7 @@ TEST_F(CliTest, AnotherProcessHoldingTheSupportDirectoryStopsTheCommand) {
     EXPECT_EQ(run({"list"}).status, 0) << "the lock goes with the process";
 }
 
-TEST_F(CliTest, InterruptCancelsALockAndLeavesTheOriginal) {
+TEST_F(CliCommandTest, InterruptCancelsALockAndLeavesTheOriginal) {
     for (int i = 0; i < 4; ++i)
         writeFile(sample + "/part" + std::to_string(i), std::string(50'000'000, char('a' + i)));
     int input[2], errors[2];
@@ -253,12 +229,11 @@ TEST_F(CliTest, InterruptCancelsALockAndLeavesTheOriginal) {
         dup2(errors[1], STDERR_FILENO);
         close(input[1]);
         close(errors[0]);
-        execl(CORVANE_PROGRAM, "corvane", "lock", "--password-stdin", sample.c_str(), nullptr);
+        execl(CORVANE_PROGRAM, "corvane", "lock", sample.c_str(), nullptr);
         _exit(127);
     }
     close(input[0]);
     close(errors[1]);
-    ASSERT_EQ(write(input[1], "pw\n", 3), 3);
     close(input[1]);
 
     std::string err;
@@ -279,7 +254,7 @@ TEST_F(CliTest, InterruptCancelsALockAndLeavesTheOriginal) {
     EXPECT_EQ(readFile(sample + "/part3"), std::string(50'000'000, 'd'));
 }
 
-TEST_F(CliTest, InterruptedWorkIsSettledBeforeAnyCommand) {
+TEST_F(CliCommandTest, InterruptedWorkIsSettledBeforeAnyCommand) {
     writeFile(sample + "/notes.txt", "secret notes");
     Locker engine(root / "Support", root / "Home", std::nullopt, std::make_shared<GocryptfsTool>());
     engine.crashPoint = CrashPoint::lockAfterRename;
