@@ -8,10 +8,16 @@
 #   (b) floor: gocryptfs -init and mount, cp -a, one read of the copy back through FUSE, unmount, sync
 set -euo pipefail
 shopt -s inherit_errexit  # a failed step inside a timing ends the benchmark
+# Corvane keeps its password in the desktop keyring: give the run one of its own.
+if [[ -z ${CORVANE_PRIVATE_KEYRING_DIR:-} ]]; then
+    exec "$(dirname "$(realpath "$0")")/../scripts/with-private-keyring" "$0" "$@"
+fi
 corvane=${1:?usage: lock.sh PATH-TO-corvane PATH-TO-corvane-verifier-bench}
 generator=${2:?usage: lock.sh PATH-TO-corvane PATH-TO-corvane-verifier-bench}
 work=${CORVANE_BENCH_DIR:-/var/tmp/corvane-bench}/lock
 password="benchmark password"
+export CORVANE_KEYCHAIN_SERVICE="corvane-bench"
+printf '%s\n' "$password" | "$corvane" --password-stdin setup > /dev/null 2>&1 || true
 rm -rf "$work" && mkdir -p "$work/big" "$work/many"
 "$generator" generate "$work/big/large" 512 1048576
 "$generator" generate "$work/big/small" 5000 2000

@@ -4,11 +4,17 @@
 # left behind. Prints a table of operation x kind of moment; exits 1 on any loss or leftover.
 #   torture.sh PATH-TO-corvane [TRIALS]
 set -uo pipefail
+# Corvane keeps its password in the desktop keyring: give the run one of its own.
+if [[ -z ${CORVANE_PRIVATE_KEYRING_DIR:-} ]]; then
+    exec "$(dirname "$(realpath "$0")")/../../scripts/with-private-keyring" "$0" "$@"
+fi
 corvane=$(realpath "${1:?usage: torture.sh PATH-TO-corvane [TRIALS]}")
 trials=${2:-200}
 base=$(mktemp -d /tmp/corvane-torture-XXXXXX)
 export CORVANE_SUPPORT_DIR="$base/support"
 password="torture password"
+export CORVANE_KEYCHAIN_SERVICE="corvane-torture:$base"
+printf '%s\n' "$password" | "$corvane" --password-stdin setup > /dev/null || exit 1
 trap 'for m in $(grep -o "$base/[^ ]*" /proc/mounts); do fusermount3 -u -z "$m"; done; rm -rf "$base"' EXIT
 
 # Nested folders, files of 100 KB to 2 MB, 200 small files, an empty file and folder, a link and
@@ -34,7 +40,7 @@ torture_once() {
     local target=$work/Data
     [[ $op == remove-lock ]] && target=$work/Data.corvlock
     local errors=$work/progress
-    printf '%s\n' "$password" | "$corvane" --password-stdin "$op" "$target" > /dev/null 2> "$errors" &
+    printf '%s\n' "$password" | "$corvane" --password-stdin "$op" $([[ $op == remove-lock ]] && echo --yes) "$target" > /dev/null 2> "$errors" &
     local pid=$!
     case $moment in
         delay:*) sleep "${moment#delay:}" ;;
@@ -57,7 +63,7 @@ calibrate() {
     run lock "$work/Data"
     duration_lock=$(echo "$(date +%s.%N) - $start" | bc)
     start=$(date +%s.%N)
-    run remove-lock "$work/Data.corvlock"
+    run remove-lock --yes "$work/Data.corvlock"
     duration_restore=$(echo "$(date +%s.%N) - $start" | bc)
     rm -rf "$work" "$CORVANE_SUPPORT_DIR"
 }
@@ -103,11 +109,11 @@ for ((trial = 0; trial < trials; trial++)); do
     listed=$("$corvane" list --json 2> /dev/null | grep -c '"path"')
     if [[ -e $work/Data.corvlock ]]; then
         ((listed == 1)) || problems+=" index"
-        run remove-lock "$work/Data.corvlock" && same "$work/.pristine" "$work/Data" || problems+=" follow-up"
+        run remove-lock --yes "$work/Data.corvlock" && same "$work/.pristine" "$work/Data" || problems+=" follow-up"
     else
         ((listed == 0)) || problems+=" index"
         run lock "$work/Data" || problems+=" follow-up"
-        run remove-lock "$work/Data.corvlock"
+        run remove-lock --yes "$work/Data.corvlock"
     fi
     ((whole)) && intact[$key]=$((${intact[$key]:-0} + 1)) || lost[$key]=$((${lost[$key]:-0} + 1))
     ((leftovers)) && leftover[$key]=$((${leftover[$key]:-0} + 1))
