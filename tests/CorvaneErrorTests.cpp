@@ -1,9 +1,17 @@
 // The sentences the user sees: errors, byte counts and what the application is busy with.
 #include <gtest/gtest.h>
 
+#include <clocale>
+#include <cstdlib>
+#include <iostream>
+#include <locale>
+
+#include "FileSystem/ProcessRunner.h"
+
 #include "Records/Activity.h"
 #include "Records/ByteCount.h"
 #include "Records/CorvaneError.h"
+#include "TestSupport.h"
 
 namespace corvane {
 namespace {
@@ -103,7 +111,39 @@ TEST(CorvaneError, ListJoinsWithoutCommaBeforeAnd) {
     EXPECT_EQ(CorvaneError::list({"A", "B", "C", "D"}), "A, B, C and D");
 }
 
-TEST(ByteCount, FileSizeStyleInDecimalUnits) {
+// Decimal commas, as a German desktop's locale has them, for C++ streams.
+struct DecimalCommas : std::numpunct<char> {
+    char do_decimal_point() const override { return ','; }
+    char do_thousands_sep() const override { return '.'; }
+    std::string do_grouping() const override { return "\3"; }
+};
+
+// Sets the C library's number format to German until the end of the scope: the system's own
+// de_DE.UTF-8, else one built with localedef. False when neither can be had.
+class GermanNumbers {
+public:
+    GermanNumbers() {
+        active_ = setlocale(LC_NUMERIC, "de_DE.UTF-8") != nullptr;
+        if (active_) return;
+        if (ProcessRunner::run("/usr/bin/localedef",
+                               {"-i", "de_DE", "-f", "UTF-8", built_ / "de_DE.UTF-8"})
+                .status > 1)
+            return;
+        setenv("LOCPATH", built_.path().c_str(), 1);
+        active_ = setlocale(LC_NUMERIC, "de_DE.UTF-8") != nullptr;
+    }
+    ~GermanNumbers() {
+        setlocale(LC_NUMERIC, "C");
+        unsetenv("LOCPATH");
+    }
+    bool active() const { return active_; }
+
+private:
+    testing::TempDir built_;
+    bool active_ = false;
+};
+
+TEST(ByteCount, FileSizeStyleInDecimalUnitsUnderAnyLocale) {
     const std::pair<std::int64_t, const char*> rows[] = {
         {0, "0 bytes"},
         {1, "1 byte"},
@@ -121,8 +161,23 @@ TEST(ByteCount, FileSizeStyleInDecimalUnits) {
         {-1'500'000, "-1.5 MB"},
         {INT64_MIN, "-9223.37 PB"},
     };
-    for (const auto& [bytes, text] : rows)
-        EXPECT_EQ(ByteCount::file(bytes), text) << "wrong unit, rounding or sign for " << bytes;
+    auto expectEveryRow = [&](const char* locale) {
+        for (const auto& [bytes, text] : rows)
+            EXPECT_EQ(ByteCount::file(bytes), text)
+                << "wrong unit, rounding or sign for " << bytes << " under " << locale;
+    };
+    expectEveryRow("the C locale");
+    // The sentences around the numbers are English, so their decimal point stays a point.
+    std::locale saved = std::locale::global(std::locale(std::locale::classic(), new DecimalCommas));
+    expectEveryRow("a C++ locale with decimal commas");
+    {
+        GermanNumbers german;
+        if (german.active())
+            expectEveryRow("de_DE.UTF-8");
+        else
+            std::cout << "de_DE.UTF-8 could not be had; checked under the C++ locale only\n";
+    }
+    std::locale::global(saved);
 }
 
 TEST(Activity, RunningWorkIsNamedOldestFirst) {

@@ -1,6 +1,9 @@
 // Password length, strength and the migration message; the stored secret and its history.
 #include <gtest/gtest.h>
 
+#include <new>
+#include <string_view>
+
 #include "Records/JSONFields.h"
 #include "Records/PasswordRules.h"
 #include "Records/StoredSecret.h"
@@ -114,6 +117,17 @@ TEST(StoredSecret, ChangesKeepEveryEarlierPasswordOnce) {
     EXPECT_EQ(back.openCandidates(), (std::vector<std::string>{"A", "B"}));
 
     EXPECT_EQ(third.migrated(), (StoredSecret{"C", 3, std::nullopt, {"A", "B"}}));
+}
+
+TEST(StoredSecret, PasswordsDoNotOutliveTheValue) {
+    // Short enough to sit inside the value itself, where nothing else clears them.
+    alignas(StoredSecret) unsigned char storage[sizeof(StoredSecret)];
+    auto* secret = new (storage) StoredSecret{"hunter22", 2, "tiger11", {}};
+    const std::string_view memory(reinterpret_cast<const char*>(storage), sizeof storage);
+    ASSERT_NE(memory.find("hunter22"), std::string_view::npos) << "kept elsewhere: cannot tell";
+    secret->~StoredSecret();
+    EXPECT_EQ(memory.find("hunter22"), std::string_view::npos) << "the password stayed in memory";
+    EXPECT_EQ(memory.find("tiger11"), std::string_view::npos) << "the previous one stayed";
 }
 
 TEST(StoredSecret, JSONFormAndLenientReading) {

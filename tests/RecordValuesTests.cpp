@@ -1,5 +1,6 @@
 // The small records and primitives beside the engine's files: the volume marker, file identities,
-// the state shared with the file-manager integration, and the support directory's lock.
+// the state shared with the file-manager integration, the support directory's lock, and the
+// encodings and text cuts they rely on.
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
@@ -9,6 +10,8 @@
 #include <cstdlib>
 #include <functional>
 
+#include "Records/Base64.h"
+#include "Records/Characters.h"
 #include "Records/FileIdentity.h"
 #include "Records/ItemMarker.h"
 #include "Records/SharedState.h"
@@ -206,6 +209,54 @@ TEST(SupportLock, AFolderThatCannotBeMadeSaysWhy) {
         EXPECT_EQ(outcome, "Corvane could not create its folder " + support + ": " + reason);
     }
     EXPECT_EQ(readFile(dir / "file"), "") << "the lock went through a link";
+}
+
+TEST(Base64, PaddedStandardTextOnly) {
+    const std::pair<std::vector<std::uint8_t>, const char*> pairs[] = {
+        {{}, ""},
+        {{'f'}, "Zg=="},
+        {{'f', 'o'}, "Zm8="},
+        {{'f', 'o', 'o'}, "Zm9v"},
+        {{'f', 'o', 'o', 'b', 'a', 'r'}, "Zm9vYmFy"},
+        {{0x00, 0x01, 0x02, 0xFF}, "AAEC/w=="},
+        {{0xFB, 0xFF, 0xBF}, "+/+/"},
+    };
+    for (const auto& [bytes, text] : pairs) {
+        EXPECT_EQ(Base64::encode(bytes), text);
+        EXPECT_EQ(Base64::decode(text), bytes) << text;
+    }
+    // Each of these is something a lenient decoder takes.
+    for (const char* bad : {"Zg", "Zg=", "Zm9v\n", " Zm9v", "Zm9v ",
+                            "Zg==Zg==", "Z===", "====", "Zg=a", "-_8=", "Zm 9v"})
+        EXPECT_EQ(Base64::decode(bad), std::nullopt) << "took \"" << bad << "\"";
+    EXPECT_EQ(Base64::decode(std::string_view("Zm9v\0\0\0\0", 8)), std::nullopt) << "NULs";
+    std::vector<std::uint8_t> large(5 << 20);
+    for (std::size_t i = 0; i < large.size(); ++i) large[i] = static_cast<std::uint8_t>(i * 7);
+    EXPECT_EQ(Base64::decode(Base64::encode(large)), large) << "a large value";
+}
+
+TEST(Characters, PrefixEndsBetweenCharacters) {
+    const std::string flag = "\xF0\x9F\x87\xA9\xF0\x9F\x87\xAA";  // two regional indicators
+    const std::tuple<std::string, std::size_t, std::string> rows[] = {
+        {"abc", 5, "abc"},
+        {"abc", 2, "ab"},
+        {"abc", 0, ""},
+        {"Grüße", 3, "Gr"},  // ü is two bytes
+        {"Grüße", 4, "Grü"},
+        {"e\xCC\x81x", 2, ""},  // e with a combining accent is one character
+        {"e\xCC\x81x", 3, "e\xCC\x81"},
+        {flag + flag, 12, flag},
+        {"a\xFF\xFE"
+         "b",
+         2, "a\xFF"},  // bytes that are not text count one each
+        {"\xE9\xFF"
+         "abc",
+         3,
+         "\xE9\xFF"
+         "a"},
+    };
+    for (const auto& [text, bytes, prefix] : rows)
+        EXPECT_EQ(Characters::prefix(text, bytes), prefix) << text << " cut at " << bytes;
 }
 
 }  // namespace

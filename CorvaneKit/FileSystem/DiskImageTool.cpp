@@ -38,8 +38,8 @@ std::vector<plist_t> dictionaries(plist_t array) {
 }  // namespace
 
 ProcessResult DiskImageTool::run(const std::vector<std::string>& arguments,
-                                 const std::optional<std::string>& input) const {
-    return ProcessRunner::run(hdiutil_, arguments, input);
+                                 std::optional<std::string> input) const {
+    return ProcessRunner::run(hdiutil_, arguments, std::move(input));
 }
 
 void DiskImageTool::expectSuccess(const ProcessResult& result, bool passwordChecked) const {
@@ -70,8 +70,9 @@ void DiskImageTool::attach(const std::string& image, const std::string& mountPoi
 
 void DiskImageTool::changePassword(const std::string& image, const std::string& oldPassword,
                                    const std::string& newPassword) const {
-    std::string input = oldPassword + std::string(1, '\0') + newPassword + std::string(1, '\0');
-    expectSuccess(run({"chpass", "-oldstdinpass", "-newstdinpass", image}, input), true);
+    expectSuccess(run({"chpass", "-oldstdinpass", "-newstdinpass", image},
+                      ProcessRunner::joinedInput({oldPassword, newPassword}, '\0')),
+                  true);
 }
 
 std::vector<AttachedImage> DiskImageTool::attachedImages() const {

@@ -40,7 +40,7 @@ protected:
 
 private:
     ProcessResult run(const std::vector<std::string>& arguments,
-                      const std::optional<std::string>& input) const;
+                      std::optional<std::string> input) const;
     // Status 0 passes; "Authentication error" is a wrong password; anything else the tool's report.
     void expectSuccess(const ProcessResult& result, bool passwordChecked) const;
 

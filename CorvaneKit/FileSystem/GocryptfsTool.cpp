@@ -288,8 +288,9 @@ void GocryptfsTool::changePassword(const std::string& image, const std::string& 
     requireIntact(image);
     // An interrupted earlier change leaves its temporary file, and gocryptfs would refuse forever.
     unlink((image + "/gocryptfs.conf.tmp").c_str());
-    ProcessResult result = ProcessRunner::run(gocryptfs_, {"-passwd", "-q", "--", image},
-                                              oldPassword + "\n" + newPassword + "\n");
+    ProcessResult result =
+        ProcessRunner::run(gocryptfs_, {"-passwd", "-q", "--", image},
+                           ProcessRunner::joinedInput({oldPassword, newPassword}, '\n'));
     if (result.status == kWrongPasswordStatus) throw CorvaneError::wrongPassword();
     if (result.status != 0) throw CorvaneError::diskImage(clean(result.output));
 }

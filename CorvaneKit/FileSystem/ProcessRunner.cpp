@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
+#include <string.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -134,10 +135,31 @@ pid_t spawn(const std::string& executablePath, const std::vector<std::string>& a
 
 }  // namespace
 
+std::string ProcessRunner::joinedInput(std::initializer_list<std::string_view> parts,
+                                       char terminator) {
+    std::size_t size = 0;
+    for (auto part : parts) size += part.size() + 1;
+    std::string joined;
+    joined.reserve(size);
+    for (auto part : parts) {
+        joined += part;
+        joined += terminator;
+    }
+    return joined;
+}
+
 ProcessResult ProcessRunner::run(const std::string& executablePath,
                                  const std::vector<std::string>& arguments,
-                                 const std::optional<std::string>& input,
-                                 std::optional<double> timeout, const CancelToken* cancel) {
+                                 std::optional<std::string> input, std::optional<double> timeout,
+                                 const CancelToken* cancel) {
+    // Whatever the child was given is not left in memory that is reused later.
+    struct Wipe {
+        std::optional<std::string>& text;
+        ~Wipe() {
+            if (text) explicit_bzero(text->data(), text->size());
+        }
+    } wipe{input};
+
     static std::once_flag ignoreBrokenPipes;
     std::call_once(ignoreBrokenPipes, [] { signal(SIGPIPE, SIG_IGN); });
 
@@ -155,7 +177,10 @@ ProcessResult ProcessRunner::run(const std::string& executablePath,
     inputPipe.closeRead();
     outputPipe.closeWrite();
 
-    if (input) writeAll(inputPipe.writeEnd(), *input);
+    if (input) {
+        writeAll(inputPipe.writeEnd(), *input);
+        explicit_bzero(input->data(), input->size());
+    }
     inputPipe.closeWrite();
 
     using Clock = std::chrono::steady_clock;

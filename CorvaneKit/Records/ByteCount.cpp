@@ -1,8 +1,9 @@
 #include "Records/ByteCount.h"
 
 #include <array>
+#include <charconv>
 #include <cmath>
-#include <cstdio>
+#include <system_error>
 
 namespace corvane {
 
@@ -22,10 +23,13 @@ constexpr std::array<Unit, 5> kUnits = {{
     {"PB", 1e15, 2},
 }};
 
+// Always with a decimal point: the C library's formatting would follow the process locale and
+// print "1,2 GB" beside English words.
 std::string trimmedNumber(double value, int fractionDigits) {
     char text[64];
-    std::snprintf(text, sizeof text, "%.*f", fractionDigits, value);
-    std::string number = text;
+    auto [end, error] =
+        std::to_chars(text, text + sizeof text, value, std::chars_format::fixed, fractionDigits);
+    std::string number(text, error == std::errc() ? end : text);
     if (number.find('.') != std::string::npos) {
         while (number.back() == '0') number.pop_back();
         if (number.back() == '.') number.pop_back();

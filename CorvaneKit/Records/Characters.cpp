@@ -5,6 +5,8 @@
 #include <unicode/brkiter.h>
 #include <unicode/locid.h>
 #include <unicode/unistr.h>
+#include <unicode/utext.h>
+#include <unicode/utf8.h>
 
 namespace corvane {
 
@@ -46,6 +48,28 @@ std::string Characters::droppingLast(std::string_view text) {
     if (lastStart == icu::BreakIterator::DONE) lastStart = 0;
     std::string shortened;
     return icu::UnicodeString(unicode, 0, lastStart).toUTF8String(shortened);
+}
+
+std::string Characters::prefix(std::string_view text, std::size_t bytes) {
+    if (text.size() <= bytes) return std::string(text);
+    // Breaks found on the UTF-8 itself are byte offsets, and bytes that are not text stay as
+    // they are.
+    UErrorCode status = U_ZERO_ERROR;
+    std::unique_ptr<UText, UText* (*)(UText*)> utf8(
+        utext_openUTF8(nullptr, text.data(), static_cast<int64_t>(text.size()), &status),
+        utext_close);
+    std::unique_ptr<icu::BreakIterator> breaks(
+        icu::BreakIterator::createCharacterInstance(icu::Locale::getRoot(), status));
+    if (U_SUCCESS(status)) breaks->setText(utf8.get(), status);
+    // The start of the sequence holding the first byte that does not fit: no sequence is cut in
+    // two, even without break rules. The iterator would take any offset back to one.
+    auto end = static_cast<int32_t>(bytes);
+    U8_SET_CP_START(reinterpret_cast<const uint8_t*>(text.data()), 0, end);
+    if (U_SUCCESS(status) && !breaks->isBoundary(end)) {
+        end = breaks->preceding(end);
+        if (end == icu::BreakIterator::DONE) end = 0;
+    }
+    return std::string(text.substr(0, static_cast<std::size_t>(end)));
 }
 
 }  // namespace corvane

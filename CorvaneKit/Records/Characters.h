@@ -13,6 +13,10 @@ struct Characters {
 
     // `text` without its last character; "" stays "".
     static std::string droppingLast(std::string_view text);
+
+    // The longest start of `text` that fits in `bytes` and ends between two characters. Bytes
+    // that are not UTF-8 are kept as they are, each a character of its own.
+    static std::string prefix(std::string_view text, std::size_t bytes);
 };
 
 }  // namespace corvane

@@ -1,5 +1,7 @@
 #include "Records/StoredSecret.h"
 
+#include <string.h>
+
 #include <algorithm>
 #include <limits>
 
@@ -7,6 +9,20 @@
 #include "Records/JSONCodec.h"
 
 namespace corvane {
+
+namespace {
+
+void wipe(std::string& text) {
+    explicit_bzero(text.data(), text.size());
+}
+
+}  // namespace
+
+StoredSecret::~StoredSecret() {
+    wipe(password);
+    if (previous) wipe(*previous);
+    for (auto& each : history) wipe(each);
+}
 
 StoredSecret StoredSecret::changing(const std::string& newPassword) const {
     if (generation == std::numeric_limits<std::int64_t>::max())

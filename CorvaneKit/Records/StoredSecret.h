@@ -17,6 +17,10 @@ struct StoredSecret {
     std::optional<std::string> previous;
     std::vector<std::string> history;  // oldest first, each at most once
 
+    // The passwords do not outlive the value in memory that is reused later. Copies wipe their
+    // own; a move copies.
+    ~StoredSecret();
+
     bool operator==(const StoredSecret&) const = default;
 
     StoredSecret changing(const std::string& newPassword) const;
