@@ -248,11 +248,14 @@ TEST(ThumbnailScrubber, ForgetsTheLockedItemOnly) {
                "    <info><metadata owner=\"http://freedesktop.org\"/></info>\n  </bookmark>\n";
     };
     std::string head = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<xbel version=\"1.0\">\n";
-    writeFile(recents, head + bookmark(item + "/2024/scan é.pdf") +
-                           bookmark(root / "Home/Tax Papers 2/other.pdf") + bookmark(item) +
-                           "</xbel>\n");
+    const std::string listed = head + bookmark(item + "/2024/scan é.pdf") +
+                               bookmark(root / "Home/Tax Papers 2/other.pdf") + bookmark(item) +
+                               "</xbel>\n";
+    writeFile(recents, listed);
+    ASSERT_EQ(chmod(recents.c_str(), 0640), 0);
 
     EXPECT_TRUE(ThumbnailScrubber::reset(item, {"2024", "2024/scan é.pdf"}, thumbnails, recents));
+    EXPECT_EQ(testing::permissions(recents), 0640u) << "the rewrite changed the list's mode";
     for (const char* folder : {"normal", "large", "x-large", "fail/gnome-thumbnail-factory"}) {
         EXPECT_FALSE(std::filesystem::exists(thumbnailOf(folder, item + "/2024/scan é.pdf")))
             << folder;
@@ -271,6 +274,20 @@ TEST(ThumbnailScrubber, ForgetsTheLockedItemOnly) {
     std::filesystem::remove(recents);
     EXPECT_TRUE(ThumbnailScrubber::reset(item, {}, thumbnails, recents))
         << "no list, nothing to forget";
+
+    // A list that is a link is neither followed nor replaced; one that is a FIFO is not waited on.
+    writeFile(root / "elsewhere.xbel", listed);
+    ASSERT_EQ(symlink((root / "elsewhere.xbel").c_str(), recents.c_str()), 0);
+    EXPECT_FALSE(ThumbnailScrubber::reset(item, {}, thumbnails, recents));
+    EXPECT_TRUE(std::filesystem::is_symlink(recents)) << "the link was replaced";
+    EXPECT_EQ(testing::readFile(root / "elsewhere.xbel"), listed) << "the link was followed";
+    std::filesystem::remove(recents);
+    ASSERT_EQ(mkfifo(recents.c_str(), 0600), 0);
+    EXPECT_EQ(testing::outcomeInChild([&] {
+                  return ThumbnailScrubber::reset(item, {}, thumbnails, recents) ? "scrubbed"
+                                                                                 : "left alone";
+              }),
+              "left alone");
 }
 
 }  // namespace

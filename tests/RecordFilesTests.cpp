@@ -2,11 +2,13 @@
 // how damage is kept for a person to look at, and the item index and journal built on them.
 #include <gtest/gtest.h>
 
+#include <dlfcn.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -21,6 +23,15 @@
 #include "Records/SharedState.h"
 #include "Records/StoredSecret.h"
 #include "TestSupport.h"
+
+// Every umask call the process makes, counted on its way to the C library.
+static std::atomic<int> umaskCalls{0};
+
+extern "C" mode_t umask(mode_t mask) noexcept {
+    ++umaskCalls;
+    static auto* const system = reinterpret_cast<mode_t (*)(mode_t)>(dlsym(RTLD_NEXT, "umask"));
+    return system(mask);
+}
 
 namespace corvane {
 namespace {
@@ -357,16 +368,30 @@ TEST(JSONCodec, ReadFailuresThrowAndLeaveTheFileInPlace) {
     EXPECT_EQ(listing(closed), std::vector<std::string>{"items.json"});
 }
 
-TEST(JSONCodec, WritePrivatelyMakesPrivateFileAndFolders) {
+// The writers make their modes without changing the umask, which every thread shares.
+TEST(JSONCodec, WritersMakeTheirModesWithoutTouchingTheUmask) {
     mode_t saved = umask(0);
     for (mode_t mask : {mode_t(0), mode_t(022), mode_t(0277)}) {
         umask(mask);
         TempDir dir;
+        // Writable under every mask, as the desktop's own folders are.
+        ASSERT_EQ(mkdir((dir / "shared").c_str(), 0700), 0);
+        ASSERT_EQ(chmod((dir / "shared").c_str(), 0700), 0);
+        umaskCalls = 0;
         JSONCodec::writePrivately("[]", dir / "a/b/c/items.json");
+        JSONCodec::writeAtomically("{}", dir / "shared/state.json");
+        JSONCodec::writeAtomically("{}", dir / "shared/state.json");
+        JSONCodec::writeAtomically("<xbel/>", dir / "shared/recents.xbel", 0604);
+        EXPECT_EQ(umaskCalls, 0) << "the umask changed, for every thread";
         for (const char* folder : {"a", "a/b", "a/b/c"})
             EXPECT_EQ(permissions(dir / folder), 0700u)
                 << folder << " with umask " << std::oct << mask;
         EXPECT_EQ(permissions(dir / "a/b/c/items.json"), 0600u) << "umask " << std::oct << mask;
+        EXPECT_EQ(permissions(dir / "shared/state.json"), 0666u & ~mask)
+            << "umask " << std::oct << mask;
+        EXPECT_EQ(permissions(dir / "shared/recents.xbel"), 0604u) << "umask " << std::oct << mask;
+        EXPECT_EQ(listing(dir / "shared"),
+                  (std::vector<std::string>{"recents.xbel", "state.json"}));
     }
     umask(saved);
 
@@ -383,7 +408,7 @@ TEST(JSONCodec, WritePrivatelyMakesPrivateFileAndFolders) {
     EXPECT_EQ(listing(dir / "shared"), std::vector<std::string>{"items.json"});
 }
 
-TEST(ItemIndex, UpsertReplacesKnownIdsInPlaceAndRemoveDropsEveryCopy) {
+TEST(ItemIndex, UpsertReplacesKnownIdsInPlaceAndOnlyTheFirstRecordHoldsAnId) {
     TempDir dir;
     ItemIndex index(dir / "support/items.json");
     auto a = itemNamed("a", "/a"), b = itemNamed("b", "/b"), c = itemNamed("c", "/c");
@@ -395,9 +420,19 @@ TEST(ItemIndex, UpsertReplacesKnownIdsInPlaceAndRemoveDropsEveryCopy) {
     EXPECT_EQ(index.load(), (std::vector<LockedItem>{a, b, c}));
     EXPECT_EQ(permissions(dir / "support/items.json"), 0600u);
 
-    auto twin = a;
-    twin.displayName = "a again";
-    index.save({a, b, twin});
+    // Another item's record under a's id: kept aside with the whole file, never matched.
+    auto twin = itemNamed("twin", "/twin");
+    twin.id = a.id;
+    index.save({a, twin, b, twin});
+    const std::string written = readFile(index.fileURL());
+    auto loaded = index.loadReportingDamage();
+    EXPECT_TRUE(loaded.damaged);
+    EXPECT_EQ(loaded.items, (std::vector<LockedItem>{a, b}));
+    auto names = listing(dir / "support");
+    ASSERT_EQ(names.size(), 2u);
+    EXPECT_EQ(readFile(dir / ("support/" + names[1])), written) << names[1];
+    EXPECT_TRUE(names[1].starts_with("items.json.damaged-")) << names[1];
+    EXPECT_FALSE(index.loadReportingDamage().damaged) << "set aside a second time";
     index.remove(a.id);
     EXPECT_EQ(index.load(), std::vector<LockedItem>{b});
     ItemIndex absent(dir / "absent/items.json");

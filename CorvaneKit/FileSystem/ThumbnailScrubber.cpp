@@ -1,6 +1,7 @@
 #include "FileSystem/ThumbnailScrubber.h"
 
 #include <dirent.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cctype>
@@ -149,14 +150,26 @@ std::optional<std::string> withoutItem(const std::string& xbel, const std::strin
     return kept;
 }
 
+// Recents lists hold a few thousand entries at most; anything far larger is not one.
+constexpr std::size_t kLargestRecents = std::size_t(32) << 20;
+
+// Only a regular file is read and replaced: a link (to wherever it points) is left alone, and the
+// file keeps its mode.
 bool forgetRecents(const std::string& recentsFile, const std::string& item) {
     try {
-        auto xbel = JSONCodec::readIfPresent(recentsFile);
+        struct stat read {};
+        auto xbel = JSONCodec::readIfPresent(recentsFile, kLargestRecents, &read);
         if (!xbel) return true;
         bool changed = false;
         auto cleaned = withoutItem(*xbel, item, changed);
         if (!cleaned) return false;  // damaged: leave it for its owner to mend
-        if (changed) JSONCodec::writeAtomically(*cleaned, recentsFile);
+        if (!changed) return true;
+        // Whatever took its place meanwhile is not replaced.
+        struct stat now {};
+        if (lstat(recentsFile.c_str(), &now) != 0 || now.st_dev != read.st_dev ||
+            now.st_ino != read.st_ino)
+            return false;
+        JSONCodec::writeAtomically(*cleaned, recentsFile, read.st_mode & 07777);
         return true;
     } catch (const std::exception&) {
         return false;

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <set>
 
 #include "Records/JSONCodec.h"
 #include "Records/Locator.h"
@@ -20,9 +21,25 @@ bool exists(const std::string& path) {
 }  // namespace
 
 ItemIndex::Loaded ItemIndex::loadReportingDamage() const {
-    auto loaded = JSONCodec::loadArray<LockedItem>(fileURL_, LockedItem::fromJSON,
-                                                   JSONCodec::engineRecordLimit);
-    return {std::move(loaded.records), loaded.damaged};
+    std::optional<std::string> text;
+    std::vector<LockedItem> items;
+    try {
+        text = JSONCodec::readIfPresent(fileURL_, JSONCodec::engineRecordLimit);
+        if (!text) return {};
+        items = JSONCodec::decodeArray<LockedItem>(*text, LockedItem::fromJSON);
+    } catch (const DecodingError&) {
+        JSONCodec::setAside(fileURL_);
+        return {{}, true};
+    }
+    std::set<Uuid> seen;
+    std::vector<LockedItem> firsts;
+    for (auto& item : items)
+        if (seen.insert(item.id).second) firsts.push_back(std::move(item));
+    if (firsts.size() == items.size()) return {std::move(firsts), false};
+    // The whole file is kept before the shorter list replaces it.
+    JSONCodec::keepAside(fileURL_, *text);
+    save(firsts);
+    return {std::move(firsts), true};
 }
 
 void ItemIndex::save(const std::vector<LockedItem>& items) const {

@@ -20,10 +20,15 @@ public:
 
     struct Loaded {
         std::vector<LockedItem> items;
-        bool damaged = false;  // the file was undecodable and has just been set aside
+        // The file was undecodable, or held records under an id an earlier record has, and has
+        // just been set aside.
+        bool damaged = false;
     };
 
-    // Empty when there is no file. An undecodable file is set aside and reads as empty.
+    // Empty when there is no file. An undecodable file is set aside and reads as empty. A record
+    // whose id an earlier one has would let a command on one item act on the other: a copy of the
+    // file is set aside, and the index keeps the first record of each id, so that the other item
+    // is adopted afresh when it is next unlocked.
     std::vector<LockedItem> load() const { return loadReportingDamage().items; }
     Loaded loadReportingDamage() const;
 

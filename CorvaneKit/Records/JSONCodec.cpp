@@ -7,11 +7,13 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <functional>
 #include <stdexcept>
 #include <system_error>
 
 #include "Records/DateFormat.h"
 #include "Records/UTF8.h"
+#include "Records/Uuid.h"
 
 namespace corvane {
 
@@ -87,31 +89,7 @@ void append(std::string& out, const Json& value, bool pretty, int depth) {
     }
 }
 
-void writeReplacing(std::string_view data, const std::string& path, mode_t fileMode,
-                    mode_t directoryMode) {
-    auto slash = path.rfind('/');
-    std::string directory = slash == std::string::npos ? "."
-                            : slash == 0               ? "/"
-                                                       : path.substr(0, slash);
-    std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
-    JSONCodec::createDirectories(directory, directoryMode);
-
-    std::string temporary = directory + "/." + name + ".XXXXXX";
-    int fd = mkostemp(temporary.data(), O_CLOEXEC);
-    if (fd < 0) throwErrno(directory);
-    auto fail = [&] {
-        int saved = errno;
-        if (fd >= 0) close(fd);
-        unlink(temporary.c_str());
-        errno = saved;
-        throwErrno(path);
-    };
-    // mkostemp makes the file 0600; a shared record gets the permissions a new file normally has.
-    if (fileMode != 0600) {
-        mode_t mask = umask(0);
-        umask(mask);
-        if (fchmod(fd, fileMode & ~mask) != 0) fail();
-    }
+void writeAll(int fd, std::string_view data, const std::function<void()>& fail) {
     std::size_t written = 0;
     while (written < data.size()) {
         ssize_t n = write(fd, data.data() + written, data.size() - written);
@@ -121,12 +99,62 @@ void writeReplacing(std::string_view data, const std::string& path, mode_t fileM
         }
         written += static_cast<std::size_t>(n);
     }
+}
+
+// A new file at a free name made from `prefix` and a random suffix, created with `mode` (less the
+// umask, as the system applies it). Returns its descriptor and sets `created` to its path.
+int createTemporary(const std::string& prefix, mode_t mode, std::string& created) {
+    for (;;) {
+        created = prefix + Uuid::random().string().substr(0, 8);
+        int fd = open(created.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
+        if (fd >= 0 || errno != EEXIST) return fd;
+    }
+}
+
+// Replaces `path` through a temporary file renamed over it. The file gets `exactMode` when given,
+// else what the system makes of 0666 under the umask.
+void writeReplacing(std::string_view data, const std::string& path, std::optional<mode_t> exactMode,
+                    mode_t directoryMode) {
+    auto slash = path.rfind('/');
+    std::string directory = slash == std::string::npos ? "."
+                            : slash == 0               ? "/"
+                                                       : path.substr(0, slash);
+    std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
+    JSONCodec::createDirectories(directory, directoryMode);
+
+    std::string temporary;
+    int fd = createTemporary(directory + "/." + name + ".", exactMode.value_or(0666), temporary);
+    if (fd < 0) throwErrno(directory);
+    auto fail = [&] {
+        int saved = errno;
+        if (fd >= 0) close(fd);
+        unlink(temporary.c_str());
+        errno = saved;
+        throwErrno(path);
+    };
+    // The umask may have taken bits away from an exact mode.
+    if (exactMode && fchmod(fd, *exactMode) != 0) fail();
+    writeAll(fd, data, fail);
     if (close(fd) != 0) {
         fd = -1;
         fail();
     }
     fd = -1;
     if (rename(temporary.c_str(), path.c_str()) != 0) fail();
+}
+
+// The first free set-aside name for `path` at `now`, passed to `take` until it takes one: it
+// returns false when the name was taken meanwhile.
+template <class Take>
+std::string firstFreeAsideName(const std::string& path, std::chrono::system_clock::time_point now,
+                               Take take) {
+    std::string base = path + ".damaged-" + DateFormat::localStamp(now);
+    for (int counter = 1;; ++counter) {
+        std::string candidate = counter == 1 ? base : base + "-" + std::to_string(counter);
+        struct stat existing {};
+        if (lstat(candidate.c_str(), &existing) == 0) continue;
+        if (take(candidate)) return candidate;
+    }
 }
 
 }  // namespace
@@ -171,15 +199,18 @@ void JSONCodec::createDirectories(const std::string& path, mode_t mode) {
 
 void JSONCodec::writePrivately(std::string_view data, const std::string& path) {
     writeReplacing(data, path, 0600, 0700);
-    if (chmod(path.c_str(), 0600) != 0) throwErrno(path);
 }
 
 void JSONCodec::writeAtomically(std::string_view data, const std::string& path) {
-    writeReplacing(data, path, 0666, 0777);
+    writeReplacing(data, path, std::nullopt, 0777);
+}
+
+void JSONCodec::writeAtomically(std::string_view data, const std::string& path, mode_t mode) {
+    writeReplacing(data, path, mode, 0777);
 }
 
 std::optional<std::string> JSONCodec::readIfPresent(const std::string& path,
-                                                    std::size_t maximumSize) {
+                                                    std::size_t maximumSize, struct stat* opened) {
     // Whatever is at the path may have been put there by someone else: a link is not followed,
     // and a FIFO is opened without waiting for a writer, then refused.
     int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
@@ -196,6 +227,7 @@ std::optional<std::string> JSONCodec::readIfPresent(const std::string& path,
     if (fstat(fd, &status) != 0) fail(errno);
     if (S_ISDIR(status.st_mode)) fail(EISDIR);
     if (!S_ISREG(status.st_mode)) fail(EINVAL);
+    if (opened) *opened = status;
 
     // Read one byte past the limit, so that a file that grew since fstat is still caught.
     std::string contents;
@@ -223,19 +255,41 @@ std::optional<std::string> JSONCodec::readIfPresent(const std::string& path,
 
 std::string JSONCodec::setAside(const std::string& path,
                                 std::chrono::system_clock::time_point now) {
-    std::string base = path + ".damaged-" + DateFormat::localStamp(now);
-    for (int counter = 1;; ++counter) {
-        std::string candidate = counter == 1 ? base : base + "-" + std::to_string(counter);
-        struct stat existing {};
-        if (lstat(candidate.c_str(), &existing) == 0) continue;
+    return firstFreeAsideName(path, now, [&](const std::string& candidate) {
         // Refuse to replace a file that appeared since the check: nothing may be overwritten.
         if (renameat2(AT_FDCWD, path.c_str(), AT_FDCWD, candidate.c_str(), RENAME_NOREPLACE) == 0)
-            return candidate;
-        if (errno == EEXIST) continue;
+            return true;
+        if (errno == EEXIST) return false;
         if (errno != EINVAL && errno != ENOTSUP) throwErrno(path);
         if (rename(path.c_str(), candidate.c_str()) != 0) throwErrno(path);
-        return candidate;
-    }
+        return true;
+    });
+}
+
+std::string JSONCodec::keepAside(const std::string& path, std::string_view contents,
+                                 std::chrono::system_clock::time_point now) {
+    return firstFreeAsideName(path, now, [&](const std::string& candidate) {
+        int fd =
+            open(candidate.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+        if (fd < 0) {
+            if (errno == EEXIST) return false;
+            throwErrno(candidate);
+        }
+        auto fail = [&] {
+            int saved = errno;
+            close(fd);
+            unlink(candidate.c_str());
+            errno = saved;
+            throwErrno(candidate);
+        };
+        writeAll(fd, contents, fail);
+        if (fsync(fd) != 0) fail();
+        if (close(fd) != 0) {
+            unlink(candidate.c_str());
+            throwErrno(candidate);
+        }
+        return true;
+    });
 }
 
 }  // namespace corvane

@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <nlohmann/json.hpp>
@@ -37,24 +38,35 @@ struct JSONCodec {
     static nlohmann::json decode(std::string_view text);
 
     // Creates the parent directories (new ones 0700), writes `data` to a temporary file beside
-    // `path`, renames it over `path` and makes it 0600. A reader sees the old file or the new one.
+    // `path`, makes it 0600 and renames it over `path`. A reader sees the old file or the new one.
     static void writePrivately(std::string_view data, const std::string& path);
 
-    // The same atomic replace with default permissions for the file and new directories.
+    // The same atomic replace with default permissions for the file and new directories: the
+    // system applies the umask as it creates them, which is never changed here, since other
+    // threads create files meanwhile.
     static void writeAtomically(std::string_view data, const std::string& path);
+    // The same, with the file made exactly `mode`.
+    static void writeAtomically(std::string_view data, const std::string& path, mode_t mode);
 
     // The whole file, or nothing when no file is there. Only a regular file is read: a link
     // throws std::system_error ELOOP, a folder EISDIR, a FIFO, device or socket EINVAL (never
     // waiting for a writer); other read failures throw the file system's error, all naming the
     // path. A file larger than `maximumSize` throws DecodingError: it is damage, not a failure.
+    // `status`, when given, receives the file's status as it was opened.
     static std::optional<std::string> readIfPresent(const std::string& path,
-                                                    std::size_t maximumSize = engineRecordLimit);
+                                                    std::size_t maximumSize = engineRecordLimit,
+                                                    struct stat* status = nullptr);
 
     // Renames a damaged record to NAME.damaged-yyyyMMdd-HHmmss (then -2, -3 … when taken) in the
     // same folder and returns the new path. Never deletes; a failed rename throws and leaves the
     // file.
     static std::string setAside(const std::string& path, std::chrono::system_clock::time_point now =
                                                              std::chrono::system_clock::now());
+    // Keeps `contents` (the record as it was read) under the next free set-aside name beside
+    // `path`, privately, and returns that name; `path` itself stays.
+    static std::string keepAside(
+        const std::string& path, std::string_view contents,
+        std::chrono::system_clock::time_point now = std::chrono::system_clock::now());
 
     // The records of a JSON array of them. Anything else throws DecodingError, as does an element
     // that `decodeOne` refuses with DecodingError or a JSON exception. Touches no file.
