@@ -17,8 +17,8 @@ namespace {
 using testing::TempDir;
 using testing::writeFile;
 
-// A home folder with the usual furniture, a private mounts root inside ~/.local, and an install
-// location elsewhere.
+// A home folder with the usual furniture, a private mounts root inside ~/.local, records kept in
+// a synced folder, and an install location elsewhere.
 class LockPolicyOnDisk : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -26,7 +26,8 @@ protected:
              {"home/Desktop", "home/Documents/Taxes", "home/Downloads", "home/Projects",
               "home/.config/app", "home/.local/share/corvane/Open/Taxes", "home/.cache/x",
               "home/Tools.APP/Contents", "home/Archive.sparsebundle/bands",
-              "home/.corvane-0F4A.partial.sparsebundle", "home/Old.corvlock", "opt/Corvane/bin"})
+              "home/.corvane-0F4A.partial.sparsebundle", "home/Old.corvlock", "opt/Corvane/bin",
+              "home/Sync/corvane/Open", "home/Sync/corvane-old"})
             std::filesystem::create_directories(root / folder);
         writeFile(root / "home/Projects/plan.txt", "plan");
         writeFile(root / "home/Game.AppImage", "elf");
@@ -41,7 +42,7 @@ protected:
 
     LockPolicy policy() const {
         return LockPolicy(root / "home", root / "home/.local/share/corvane/Open",
-                          root / "opt/Corvane");
+                          root / "opt/Corvane", root / "home/Sync/corvane");
     }
 
     TempDir root;
@@ -70,6 +71,11 @@ TEST_F(LockPolicyOnDisk, RefusalsOnRealPaths) {
         {home + "/.local/share/corvane/Open/Taxes", LockRefusal::insideUnlockedItem},
         {root / "opt/Corvane", LockRefusal::corvaneItself},
         {root / "opt/Corvane/bin", LockRefusal::corvaneItself},
+        {home + "/Sync", LockRefusal::corvaneRecords},
+        {home + "/Sync/corvane", LockRefusal::corvaneRecords},
+        {home + "/Sync/corvane/Open", LockRefusal::corvaneRecords},
+        {root / "home-link/Sync", LockRefusal::corvaneRecords},
+        {home + "/Sync/corvane-old", std::nullopt},
         {home + "/Tools.APP", LockRefusal::application},
         {home + "/Tools.APP/Contents", LockRefusal::application},
         {home + "/Game.AppImage", LockRefusal::application},

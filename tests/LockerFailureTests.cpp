@@ -20,6 +20,7 @@
 #include "LockerFixture.h"
 #include "Records/CorvaneError.h"
 #include "Records/Paths.h"
+#include "Records/SupportLock.h"
 #include "TestSupport.h"
 
 namespace corvane {
@@ -57,6 +58,7 @@ class LockerFailureTest : public testing::LockerFixture {
 public:
     void TearDown() override {
         writer.reset();
+        held.reset();
         LockerFixture::TearDown();
         for (const auto& path : marked) ProcessRunner::run("/usr/bin/chattr", {"-i", "-a", path});
         for (auto place = mounted.rbegin(); place != mounted.rend(); ++place)
@@ -93,9 +95,16 @@ public:
     }
 
     std::unique_ptr<BackgroundProcess> writer;
+    std::unique_ptr<SupportLock> held;
     std::vector<std::string> marked;
     std::vector<std::string> mounted;
 };
+
+std::string repeated(const std::string& text, int times) {
+    std::string joined;
+    for (int i = 0; i < times; ++i) joined += text;
+    return joined;
+}
 
 // Refusals: each row arranges an item that must not be locked.
 
@@ -222,6 +231,15 @@ const RefusalCase kRefusals[] = {
              item, CorvaneError::notEnoughSpace(locker.spaceMargin + ItemFacts::allocatedSize(item),
                                                 Locker::availableSpace(f.home).value())};
      }},
+    {"HoldsTheSupportFolder",
+     [](F& f, Locker& locker) -> Arranged {
+         f.makeSample(f.home + "/Synced");
+         locker = Locker(f.home + "/Synced/corvane", f.home, std::nullopt,
+                         std::make_shared<GocryptfsTool>());
+         f.held = SupportLock::acquire(f.home + "/Synced/corvane");
+         return Refusal{f.home + "/Synced", CorvaneError::refused(LockRefusal::corvaneRecords),
+                        "This is or holds Corvane's own records, so Corvane cannot lock it."};
+     }},
     {"OpenLockedItemInside",
      [](F& f, Locker& locker) -> Arranged {
          locker.unlock(locker.lock(f.home + "/Taxes/2024", kPassword, 1).lastKnownPath, kPassword);
@@ -231,6 +249,55 @@ const RefusalCase kRefusals[] = {
 
 INSTANTIATE_TEST_SUITE_P(, LockerFailureRefusalTest, ::testing::ValuesIn(kRefusals),
                          [](const auto& info) { return std::string(info.param.name); });
+
+// What the user typed or pointed at is refused before anything is read or written: a password
+// that cannot reach the image tool whole, and a link posing as a locked item.
+TEST_F(LockerFailureTest, UnusablePasswordsAndLinksAreRefusedBeforeAnyWork) {
+    Locker locker = makeLocker();
+    LockedItem item = locker.lock(home + "/Taxes", kPassword, 1);
+    makeSample(home + "/Other");
+    symlink("Taxes.corvlock", (home + "/Shortcut.corvlock").c_str());
+    const Locker::Snapshot before = Locker::metadataSnapshot(root.path());
+
+    const std::string link = home + "/Shortcut.corvlock", lineBreak = "two\nlines";
+    const std::pair<std::string, std::string> passwords[] = {
+        {"", "The password is empty."},
+        {lineBreak, "A password cannot contain a line break."},
+        {"ends\r", "A password cannot contain a line break."},
+        {std::string(2049, 'x'), "A password can be at most 2048 bytes long."},
+    };
+    using Operation = std::function<void(const std::string&)>;
+    const std::pair<const char*, Operation> operations[] = {
+        {"lock", [&](const std::string& bad) { locker.lock(home + "/Other", bad, 1); }},
+        {"unlock", [&](const std::string& bad) { locker.unlock(item.lastKnownPath, bad); }},
+        {"removeLock", [&](const std::string& bad) { locker.removeLock(item.lastKnownPath, bad); }},
+        {"changePassword from",
+         [&](const std::string& bad) { locker.changePassword(bad, "new password", 2); }},
+        {"changePassword to",
+         [&](const std::string& bad) { locker.changePassword(kPassword, bad, 2); }},
+    };
+    for (const auto& [operation, run] : operations) {
+        for (const auto& [password, sentence] : passwords) {
+            try {
+                run(password);
+                ADD_FAILURE() << operation << " took a password that is wrong: " << sentence;
+            } catch (const std::invalid_argument& error) {
+                EXPECT_EQ(error.what(), sentence) << operation;
+            } catch (const std::exception& error) {
+                ADD_FAILURE() << operation << " failed late: " << error.what();
+            }
+        }
+    }
+    const std::pair<const char*, Operation> throughLinks[] = {
+        {"unlock", [&](const std::string& path) { locker.unlock(path, kPassword); }},
+        {"removeLock", [&](const std::string& path) { locker.removeLock(path, kPassword); }},
+    };
+    for (const auto& [operation, run] : throughLinks)
+        for (const std::string& path : {link, link + "/"})
+            EXPECT_EQ(errorFrom([&] { run(path); }), CorvaneError::refused(LockRefusal::shortcut))
+                << operation << " " << path;
+    EXPECT_EQ(changedPaths(before, Locker::metadataSnapshot(root.path())), Names{});
+}
 
 TEST_F(LockerFailureTest, TakenLockedNameGetsTheNextNumber) {
     Locker locker = makeLocker();
@@ -451,18 +518,37 @@ TEST_F(LockerFailureTest, RestoreTakesTheNextFreeName) {
 }
 
 TEST_F(LockerFailureTest, RestoreDestinationKeepsTheExtension) {
+    // Names of 255 bytes, the most a name may have: the base gives way, whole characters only.
+    const std::string longest = std::string(251, 'a') + ".pdf", accents = "x" + repeated("é", 125),
+                      flags = repeated("\xF0\x9F\x87\xA9\xF0\x9F\x87\xAA", 31) + "abc";
+    const std::string notText = "\xE9\xFF" + std::string(249, 'b') + ".txt";
     const std::vector<std::tuple<std::string, Names, std::string>> table = {
         {"Report.pdf", {}, "Report.pdf"},
         {"Report.pdf", {"Report.pdf"}, "Report (restored).pdf"},
         {"Report.pdf", {"Report.pdf", "Report (restored).pdf"}, "Report (restored 2).pdf"},
         {"Report.pdf", {"Report.pdf", "Report (restored 2).pdf"}, "Report (restored).pdf"},
         {".env", {".env"}, ".env (restored)"},
+        {longest, {}, longest},
+        {longest, {longest}, std::string(240, 'a') + " (restored).pdf"},
+        {longest,
+         {longest, std::string(240, 'a') + " (restored).pdf"},
+         std::string(238, 'a') + " (restored 2).pdf"},
+        {accents + ".txt", {accents + ".txt"}, "x" + repeated("é", 119) + " (restored).txt"},
+        {flags, {flags}, repeated("\xF0\x9F\x87\xA9\xF0\x9F\x87\xAA", 30) + " (restored)"},
+        {notText, {notText}, "\xE9\xFF" + std::string(238, 'b') + " (restored).txt"},
+        {std::string(300, 'z') + ".pdf", {}, std::string(251, 'z') + ".pdf"},  // a hostile marker
+        {"a." + std::string(253, 'e'),
+         {"a." + std::string(253, 'e')},
+         "a." + std::string(242, 'e') + " (restored)"},
     };
     for (const auto& [name, taken, expected] : table) {
         SCOPED_TRACE(expected);
         std::filesystem::remove_all(home);
         std::filesystem::create_directory(home);
-        for (const auto& each : taken) writeFile(home + "/" + each, "taken");
+        for (const auto& each : taken) {
+            writeFile(home + "/" + each, "taken");
+            ASSERT_TRUE(std::filesystem::exists(home + "/" + each));
+        }
         EXPECT_EQ(Locker::restoreDestination(name, home), home + "/" + expected);
     }
 }

@@ -224,6 +224,17 @@ TEST_F(LockerSafetyTest, DamagedOrHostileImagesAreNeverRestoredOrFollowed) {
     ASSERT_TRUE(followed);
     EXPECT_EQ(followed->errorCase(), CorvaneError::Case::diskImage) << followed->errorDescription();
 
+    // A failed attempt leaves no mount point behind, whatever stopped it.
+    for (bool restore : {false, true}) {
+        auto wrong = errorFrom([&] {
+            restore ? void(locker.removeLock(folder.lastKnownPath, "not the password"))
+                    : void(locker.unlock(folder.lastKnownPath, "not the password"));
+        });
+        ASSERT_TRUE(wrong);
+        EXPECT_EQ(wrong->errorCase(), CorvaneError::Case::wrongPassword);
+        EXPECT_TRUE(listing(locker.mountsRoot).empty()) << "a wrong password left a mount point";
+    }
+
     // An image without its configuration, as a half-deleted one would be.
     std::filesystem::remove(folder.lastKnownPath + "/gocryptfs.conf");
     for (bool restore : {false, true}) {
@@ -238,6 +249,30 @@ TEST_F(LockerSafetyTest, DamagedOrHostileImagesAreNeverRestoredOrFollowed) {
     EXPECT_TRUE(ourMounts().empty());
     EXPECT_TRUE(listing(locker.mountsRoot).empty()) << "a failed unlock left its mount point";
     EXPECT_TRUE(locker.journal.load().empty());
+}
+
+TEST_F(LockerSafetyTest, ARecordUnderAnotherItemsIdNeverActsOnIt) {
+    Locker locker = makeLocker();
+    makeSample(home + "/Second");
+    LockedItem first = locker.lock(home + "/Taxes", kPassword, 1);
+    LockedItem second = locker.lock(home + "/Second", kPassword, 1);
+    // As a hand-edited or merged index would have it.
+    LockedItem twin = second;
+    twin.id = first.id;
+    locker.index.save({first, twin});
+    OpenItem open = locker.unlock(first.lastKnownPath, kPassword);
+
+    EXPECT_EQ(locker.removeLock(second.lastKnownPath, kPassword), home + "/Second");
+    EXPECT_EQ(locker.openItems(), std::vector<OpenItem>{open}) << "the other item was closed";
+    EXPECT_EQ(locker.index.load(), std::vector<LockedItem>{first}) << "its record was dropped";
+    auto kept = listing(support);
+    EXPECT_EQ(std::count_if(
+                  kept.begin(), kept.end(),
+                  [](const std::string& name) { return name.starts_with("items.json.damaged-"); }),
+              1)
+        << "the record file was not kept aside";
+    locker.relock(open, false);
+    EXPECT_TRUE(sameAsPristine(locker.removeLock(first.lastKnownPath, kPassword)));
 }
 
 TEST_F(LockerSafetyTest, AnImageThatCannotBeDeletedNeverKeepsItsName) {

@@ -67,21 +67,58 @@ TEST_F(LockerTest, FolderLocksOpensClosesAndRestoresIdentical) {
 }
 
 TEST_F(LockerTest, FileLocksUnderItsBaseNameAndRestoresBeside) {
+    // The longest name a file may have leaves no room for "(restored)" without shortening.
+    const std::string longest = std::string(251, 'r');
+    const std::tuple<std::string, std::string, std::string> rows[] = {
+        {"Report", "Report", "Report (restored).pdf"},
+        {longest, std::string(242, 'r'), std::string(240, 'r') + " (restored).pdf"},
+    };
     Locker locker = makeLocker();
-    writeFile(home + "/Report.pdf", "report v1");
-    LockedItem item = locker.lock(home + "/Report.pdf", kPassword, 1);
-    EXPECT_EQ(item.lastKnownPath, home + "/Report.corvlock");
-    EXPECT_EQ(item.kind, LockedItem::Kind::file);
+    for (const auto& [base, lockedBase, restored] : rows) {
+        SCOPED_TRACE(restored);
+        const std::string original = home + "/" + base + ".pdf";
+        writeFile(original, "report v1");
+        LockedItem item = locker.lock(original, kPassword, 1);
+        EXPECT_EQ(item.lastKnownPath, home + "/" + lockedBase + ".corvlock");
+        EXPECT_EQ(item.kind, LockedItem::Kind::file);
 
-    OpenItem open = locker.unlock(item.lastKnownPath, kPassword);
-    EXPECT_EQ(open.contentURL(), open.mountPoint + "/Report.pdf");
-    EXPECT_EQ(readFile(open.contentURL()), "report v1");
+        OpenItem open = locker.unlock(item.lastKnownPath, kPassword);
+        EXPECT_EQ(open.contentURL(), open.mountPoint + "/" + base + ".pdf");
+        EXPECT_EQ(readFile(open.contentURL()), "report v1");
+        locker.relock(open, false);
+
+        writeFile(original, "a newer report");
+        EXPECT_EQ(locker.removeLock(item.lastKnownPath, kPassword), home + "/" + restored);
+        EXPECT_EQ(readFile(home + "/" + restored), "report v1");
+        EXPECT_EQ(readFile(original), "a newer report");
+    }
+}
+
+// Paths as a shell gives them: relative to the working folder, with a trailing slash from
+// completion. Each names the one item and is recorded whole.
+TEST_F(LockerTest, RelativePathsAndTrailingSlashesNameTheSameItem) {
+    Locker locker = makeLocker();
+    struct WorkingFolder {
+        std::filesystem::path saved = std::filesystem::current_path();
+        ~WorkingFolder() { std::filesystem::current_path(saved); }
+    } restoredAtTheEnd;
+    std::filesystem::current_path(home);
+    LockedItem item = locker.lock("Taxes/", kPassword, 1);
+    EXPECT_EQ(item.lastKnownPath, home + "/Taxes.corvlock");
+
+    // Its record lost, as for an item locked on another computer: unlocking adopts it.
+    locker.index.save({});
+    OpenItem open = locker.unlock("Taxes.corvlock/", kPassword);
+    EXPECT_EQ(open.lockedURL, home + "/Taxes.corvlock");
+    auto records = locker.index.load();
+    ASSERT_EQ(records.size(), 1u);
+    EXPECT_EQ(records[0].lastKnownPath, home + "/Taxes.corvlock");
+    EXPECT_EQ(locker.unlock(home + "/Taxes.corvlock", kPassword), open) << "adopted twice";
     locker.relock(open, false);
 
-    writeFile(home + "/Report.pdf", "a newer report");
-    EXPECT_EQ(locker.removeLock(item.lastKnownPath, kPassword), home + "/Report (restored).pdf");
-    EXPECT_EQ(readFile(home + "/Report (restored).pdf"), "report v1");
-    EXPECT_EQ(readFile(home + "/Report.pdf"), "a newer report");
+    EXPECT_EQ(locker.removeLock("./Taxes.corvlock/", kPassword), home + "/Taxes");
+    EXPECT_TRUE(sameAsPristine(home + "/Taxes"));
+    EXPECT_TRUE(locker.index.load().empty());
 }
 
 }  // namespace

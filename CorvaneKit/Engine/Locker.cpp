@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
+#include <stdexcept>
 #include <system_error>
 
 #include "FileSystem/ExtensionTypes.h"
@@ -16,6 +17,7 @@
 #include "FileSystem/VolumeLayout.h"
 #include "Records/Characters.h"
 #include "Records/JSONCodec.h"
+#include "Records/PasswordRules.h"
 #include "Records/Paths.h"
 
 namespace corvane {
@@ -26,9 +28,8 @@ namespace {
     throw std::system_error(error, std::generic_category(), path);
 }
 
-std::string shortenedBelow(std::string text, std::size_t bytes) {
-    while (text.size() >= bytes) text = Characters::droppingLast(text);
-    return text;
+std::string shortenedBelow(const std::string& text, std::size_t bytes) {
+    return Characters::prefix(text, bytes - 1);
 }
 
 }  // namespace
@@ -40,7 +41,22 @@ Locker::Locker(const std::string& supportDirectory, const std::string& home,
       journal(supportDirectory + "/operations.json"),
       mountsRoot(supportDirectory + "/Open"),
       policy(realPath(home), realPath(mountsRoot),
-             appBundle ? std::optional<std::string_view>(realPath(*appBundle)) : std::nullopt) {}
+             appBundle ? std::optional<std::string_view>(realPath(*appBundle)) : std::nullopt,
+             supportDirectory) {}
+
+void Locker::requireUsablePassword(std::string_view password) {
+    if (auto problem = PasswordRules::inputProblem(password)) throw std::invalid_argument(*problem);
+}
+
+std::string Locker::lockedItemPath(const std::string& path) {
+    std::string locked = itemPath(path);
+    if (!locked.ends_with(".corvlock")) throw CorvaneError::notLocked();
+    struct stat status {};
+    if (lstat(locked.c_str(), &status) != 0) throw CorvaneError::notFound();
+    // The image tool would follow it to whatever it points at, locked item or not.
+    if (S_ISLNK(status.st_mode)) throw CorvaneError::refused(LockRefusal::shortcut);
+    return locked;
+}
 
 std::string Locker::lockedBaseName(const std::string& name, bool isFileOrPackage) {
     if (!isFileOrPackage) return name;

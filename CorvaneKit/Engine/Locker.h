@@ -13,6 +13,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "Engine/CrashPoint.h"
@@ -69,12 +70,16 @@ public:
     std::int64_t spaceMargin = 250'000'000;
     double cloudDownloadTimeout = 300.0;
 
+    // Every operation that takes a password throws std::invalid_argument with
+    // PasswordRules::inputProblem's sentence, before anything is read or written, for a password
+    // that cannot be passed on. Paths may be relative to the working folder.
+
     // Locks the file or folder at `path` and returns its record (stage complete).
     LockedItem lock(const std::string& path, const std::string& password, std::int64_t generation,
                     const CancelToken* cancel = nullptr, const Progress& progress = nullptr);
 
     // Opens the locked item at `path` at its private mount point; an open item is returned as it
-    // is.
+    // is. A link to a locked item is refused as a shortcut, here and in removeLock.
     OpenItem unlock(const std::string& path, const std::string& password);
     std::vector<OpenItem> openItems() const;
     // "Lock Now": closes one open item.
@@ -134,6 +139,11 @@ public:
     static bool isMarkedUnchangeable(const std::string& path);
 
 private:
+    static void requireUsablePassword(std::string_view password);
+    // The absolute path of the locked item `path` names (a trailing slash allowed); throws
+    // notLocked, notFound, or refused(shortcut) for a symbolic link.
+    static std::string lockedItemPath(const std::string& path);
+
     void recoverLock(JournalEntry entry, RecoveryReport& report) const;
     void recoverRestore(const JournalEntry& entry, RecoveryReport& report) const;
     // Closes by force whatever an operation with this id left attached, and its mount point.

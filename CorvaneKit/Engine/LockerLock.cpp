@@ -150,13 +150,14 @@ void Locker::copy(const std::string& source, const std::string& destination,
 LockedItem Locker::lock(const std::string& path, const std::string& password,
                         std::int64_t generation, const CancelToken* cancel,
                         const Progress& progress) {
+    requireUsablePassword(password);
+    const std::string item = itemPath(path);
     auto report = [&](LockStep step) {
         if (progress) progress(step);
     };
 
     // Checks: nothing on disk changes until the journal has the entry.
     report(LockStep::preparing);
-    const std::string item = itemPath(path);
     ItemFacts facts = ItemFacts::inspect(item);
     if (auto refusal = policy.refusal(item, facts)) throw CorvaneError::refused(*refusal);
     const std::string parentPath = corvane::parentPath(item);

@@ -13,10 +13,9 @@
 
 namespace corvane {
 
-OpenItem Locker::unlock(const std::string& path, const std::string& password) {
-    if (!path.ends_with(".corvlock")) throw CorvaneError::notLocked();
-    struct stat status {};
-    if (stat(path.c_str(), &status) != 0) throw CorvaneError::notFound();
+OpenItem Locker::unlock(const std::string& given, const std::string& password) {
+    requireUsablePassword(password);
+    const std::string path = lockedItemPath(given);
 
     std::optional<LockedItem> record = index.item(path);
     if (record) {

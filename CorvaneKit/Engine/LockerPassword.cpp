@@ -11,6 +11,8 @@ namespace corvane {
 std::map<Uuid, CorvaneError> Locker::changePassword(
     const std::string& from, const std::string& to, std::int64_t generation,
     const std::function<void(const LockedItem&)>& moving) {
+    requireUsablePassword(from);
+    requireUsablePassword(to);
     // An open image cannot be re-keyed safely.
     if (!openItems().empty()) throw CorvaneError::needsAllLocked();
     std::map<Uuid, CorvaneError> failures;

@@ -26,6 +26,7 @@
 #include "FileSystem/ProcessRunner.h"
 #include "FileSystem/TreeVerifier.h"
 #include "FileSystem/VolumeLayout.h"
+#include "Records/Characters.h"
 #include "Records/CorvaneError.h"
 #include "Records/Paths.h"
 #include "Records/UTF8.h"
@@ -84,15 +85,21 @@ void takeTopFolderAttributes(const Folder& parent, const std::string& stagingNam
 }  // namespace
 
 std::string Locker::restoreDestination(const std::string& name, const std::string& directory) {
-    if (!exists(directory + "/" + name)) return directory + "/" + name;
+    // A name is at most 255 bytes: the base gives way, whole characters at a time, so that the
+    // extension and the "(restored)" stay.
+    constexpr std::size_t longestName = 255, longestKeptExtension = 32;
     std::string extension = pathExtension(name);
+    if (extension.size() > longestKeptExtension) extension.clear();
     std::string base =
         extension.empty() ? name : name.substr(0, name.size() - extension.size() - 1);
     std::string suffix = extension.empty() ? "" : "." + extension;
-    for (int n = 1;; ++n) {
-        std::string candidate = directory + "/" + base +
-                                (n == 1 ? " (restored)" : " (restored " + std::to_string(n) + ")") +
-                                suffix;
+    for (int n = 0;; ++n) {
+        std::string insert = n == 0   ? ""
+                             : n == 1 ? " (restored)"
+                                      : " (restored " + std::to_string(n) + ")";
+        std::string candidate =
+            directory + "/" +
+            Characters::prefix(base, longestName - insert.size() - suffix.size()) + insert + suffix;
         if (!exists(candidate)) return candidate;
     }
 }
@@ -102,9 +109,8 @@ std::string Locker::removeLock(const std::string& path, const std::string& passw
     auto report = [&](LockStep step) {
         if (progress) progress(step);
     };
-    const std::string locked = itemPath(path);
-    if (!locked.ends_with(".corvlock")) throw CorvaneError::notLocked();
-    if (!exists(locked)) throw CorvaneError::notFound();
+    requireUsablePassword(password);
+    const std::string locked = lockedItemPath(path);
     const std::string parentPath = corvane::parentPath(locked);
     const std::string lockedName = lastPathComponent(locked);
     const Folder parent(parentPath);

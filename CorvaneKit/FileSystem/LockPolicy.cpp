@@ -52,10 +52,13 @@ bool isSystemPath(std::string_view path) {
 }  // namespace
 
 LockPolicy::LockPolicy(std::string_view home, std::string_view mountsRoot,
-                       std::optional<std::string_view> appBundle)
+                       std::optional<std::string_view> appBundle,
+                       std::optional<std::string_view> supportDirectory)
     : home_(realPath(home)),
       mountsRoot_(realPath(mountsRoot)),
       appBundle_(appBundle ? std::optional(realPath(*appBundle)) : std::nullopt),
+      supportDirectory_(supportDirectory ? std::optional(realPath(*supportDirectory))
+                                         : std::nullopt),
       standardFolders_(UserDirectories::standardFolders(home_)) {}
 
 std::optional<LockRefusal> LockPolicy::refusal(std::string_view url, const ItemFacts& facts) const {
@@ -73,6 +76,11 @@ std::optional<LockRefusal> LockPolicy::refusal(std::string_view url, const ItemF
         return LockRefusal::standardFolder;
     for (auto folder : LinuxDesktop::libraryFolders)
         if (isAtOrBelow(path, home_ + "/" + std::string(folder))) return LockRefusal::libraryFolder;
+    // The copy would catch the records half written, and the lock's own writes would change the
+    // item while it is copied.
+    if (supportDirectory_ &&
+        (isAtOrBelow(path, *supportDirectory_) || isAtOrBelow(*supportDirectory_, path)))
+        return LockRefusal::corvaneRecords;
 
     std::vector<std::string> lowered;
     for (const auto& component : components) lowered.push_back(lowercased(component));

@@ -11,6 +11,7 @@ std::string_view LockRefusals::rawValue(LockRefusal refusal) {
         case LockRefusal::libraryFolder: return "libraryFolder";
         case LockRefusal::application: return "application";
         case LockRefusal::corvaneItself: return "corvaneItself";
+        case LockRefusal::corvaneRecords: return "corvaneRecords";
         case LockRefusal::volumeRoot: return "volumeRoot";
         case LockRefusal::networkVolume: return "networkVolume";
         case LockRefusal::alreadyLocked: return "alreadyLocked";
@@ -42,6 +43,8 @@ std::string_view LockRefusals::message(LockRefusal refusal, const Wording& wordi
         case LockRefusal::libraryFolder: return wording.libraryFolder;
         case LockRefusal::application: return "Corvane does not lock apps.";
         case LockRefusal::corvaneItself: return "Corvane cannot lock itself.";
+        case LockRefusal::corvaneRecords:
+            return "This is or holds Corvane's own records, so Corvane cannot lock it.";
         case LockRefusal::volumeRoot:
             return "Corvane does not lock whole drives. Lock the folders on the drive instead.";
         case LockRefusal::networkVolume: return "Corvane does not lock items on network drives.";
@@ -52,7 +55,7 @@ std::string_view LockRefusals::message(LockRefusal refusal, const Wording& wordi
             return "This is inside a locked item or a disk image, so Corvane cannot lock it.";
         case LockRefusal::tooLarge: return "Corvane locks items up to 2 TB.";
         case LockRefusal::shortcut:
-            return "This is a shortcut to another item. Lock the original instead.";
+            return "This is a shortcut to another item. Choose the original instead.";
         case LockRefusal::nameNotText:
             return "Corvane can only lock items whose name and folders are named in valid text "
                    "(UTF-8). Rename them, then try again.";

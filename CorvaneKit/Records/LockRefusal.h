@@ -18,6 +18,7 @@ enum class LockRefusal {
     libraryFolder,
     application,
     corvaneItself,
+    corvaneRecords,
     volumeRoot,
     networkVolume,
     alreadyLocked,
@@ -32,14 +33,15 @@ enum class LockRefusal {
 
 struct LockRefusals {
     static constexpr std::array all = {
-        LockRefusal::doesNotExist,       LockRefusal::systemLocation,
-        LockRefusal::homeFolder,         LockRefusal::standardFolder,
-        LockRefusal::libraryFolder,      LockRefusal::application,
-        LockRefusal::corvaneItself,      LockRefusal::volumeRoot,
-        LockRefusal::networkVolume,      LockRefusal::alreadyLocked,
-        LockRefusal::insideUnlockedItem, LockRefusal::insideLockedItem,
-        LockRefusal::tooLarge,           LockRefusal::shortcut,
-        LockRefusal::nameNotText,        LockRefusal::holdsReservedName,
+        LockRefusal::doesNotExist,      LockRefusal::systemLocation,
+        LockRefusal::homeFolder,        LockRefusal::standardFolder,
+        LockRefusal::libraryFolder,     LockRefusal::application,
+        LockRefusal::corvaneItself,     LockRefusal::corvaneRecords,
+        LockRefusal::volumeRoot,        LockRefusal::networkVolume,
+        LockRefusal::alreadyLocked,     LockRefusal::insideUnlockedItem,
+        LockRefusal::insideLockedItem,  LockRefusal::tooLarge,
+        LockRefusal::shortcut,          LockRefusal::nameNotText,
+        LockRefusal::holdsReservedName,
     };
 
     static std::string_view rawValue(LockRefusal refusal);
