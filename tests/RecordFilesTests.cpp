@@ -452,7 +452,8 @@ TEST(ItemIndex, ItemIsFoundThroughLinksAndDotDot) {
 
     for (const std::string& asked :
          {dir / "docs/report.pdf", dir / "link.pdf", dir / "alias/report.pdf",
-          dir / "docs/../docs/./report.pdf", dir / "alias/../docs//report.pdf"}) {
+          dir / "docs/../docs/./report.pdf", dir / "alias/../docs//report.pdf",
+          dir / "alias/report.pdf/"}) {
         auto found = index.item(asked);
         ASSERT_TRUE(found.has_value()) << asked;
         EXPECT_EQ(found->id, item.id) << asked;
