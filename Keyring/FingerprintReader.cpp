@@ -19,12 +19,16 @@ constexpr const char* deviceInterface = "net.reactivated.Fprint.Device";
 constexpr std::chrono::milliseconds callTimeout{3000};
 constexpr std::chrono::milliseconds stopPollInterval{100};
 
+// The service is started on demand by the manager call; a device call never starts it, since a
+// new instance would not know the device we hold.
 GLibPointer<GVariant> call(GDBusConnection* bus, const std::string& path, const char* interface,
                            const char* method, GVariant* arguments, const char* replyType) {
     GError* error = nullptr;
+    auto flags = g_strcmp0(interface, managerInterface) == 0 ? G_DBUS_CALL_FLAGS_NONE
+                                                             : G_DBUS_CALL_FLAGS_NO_AUTO_START;
     GLibPointer<GVariant> reply(g_dbus_connection_call_sync(
         bus, fprintName, path.c_str(), interface, method, arguments, G_VARIANT_TYPE(replyType),
-        G_DBUS_CALL_FLAGS_NONE, static_cast<gint>(callTimeout.count()), nullptr, &error));
+        flags, static_cast<gint>(callTimeout.count()), nullptr, &error));
     if (error) g_error_free(error);
     return reply;
 }
@@ -125,7 +129,7 @@ bool FingerprintReader::available() const {
     if (!bus) return false;
     auto device = defaultDevice(bus.get());
     if (!device) return false;
-    // Fails with NoEnrolledPrints rather than answering with an empty list, but accept both.
+    // The service says "none" with the NoEnrolledPrints error; an empty list reads the same.
     auto fingers = call(bus.get(), *device, deviceInterface, "ListEnrolledFingers",
                         g_variant_new("(s)", ""), "(as)");
     if (!fingers) return false;

@@ -18,7 +18,7 @@ namespace {
 const SecretSchema passwordSchema = [] {
     SecretSchema schema{};
     schema.name = "org.corvane.Password";
-    schema.flags = SECRET_SCHEMA_NONE;
+    schema.flags = SECRET_SCHEMA_DONT_MATCH_NAME;
     schema.attributes[0] = {"service", SECRET_SCHEMA_ATTRIBUTE_STRING};
     schema.attributes[1] = {"account", SECRET_SCHEMA_ATTRIBUTE_STRING};
     return schema;

@@ -145,7 +145,7 @@ TEST(PasswordStore, WithoutAKeyringNothingLoadsAndSavesFail) {
         std::string saveError;
     };
     const std::vector<Case> cases = {
-        {"no bus address", std::nullopt, "Cannot autolaunch D-Bus without X11 $DISPLAY"},
+        {"no bus address", std::nullopt, ""},
         {"no bus there", "unix:path=" + emptyRuntime / "bus",
          "Could not connect: No such file or directory"},
         {"bus without keyring", busWithoutKeyring.address(),
@@ -164,10 +164,11 @@ TEST(PasswordStore, WithoutAKeyringNothingLoadsAndSavesFail) {
             store.save(record("nowhere"));
             ADD_FAILURE() << each.name << ": saved";
         } catch (const KeyringError& error) {
-            // Without any address the library's own words depend on the session; only say so.
+            // Without any address GLib's words depend on how it would start a bus here.
             if (!each.saveError.empty()) {
-                EXPECT_EQ(error.what(), each.saveError) << each.name;
+                EXPECT_EQ(std::string(error.what()), each.saveError) << each.name;
             }
+            EXPECT_STRNE(error.what(), "") << each.name;
         }
     }
 }
