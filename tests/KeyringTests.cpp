@@ -2,6 +2,10 @@
 // check against the stand-in fingerprint service on a private system bus.
 #include <gtest/gtest.h>
 
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
 #include <chrono>
 #include <cstdlib>
 
@@ -171,6 +175,20 @@ TEST(PasswordStore, WithoutAKeyringNothingLoadsAndSavesFail) {
             EXPECT_STRNE(error.what(), "") << each.name;
         }
     }
+
+    // A bus that takes the connection and never answers is given up on quickly too.
+    int silent = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un where{};
+    where.sun_family = AF_UNIX;
+    std::string path = emptyRuntime / "silent";
+    path.copy(where.sun_path, sizeof where.sun_path - 1);
+    ASSERT_EQ(bind(silent, reinterpret_cast<sockaddr*>(&where), sizeof where), 0);
+    ASSERT_EQ(listen(silent, 4), 0);
+    ScopedVariable address("DBUS_SESSION_BUS_ADDRESS", "unix:path=" + path);
+    auto start = Clock::now();
+    EXPECT_EQ(PasswordStore::unavailableReason(), noKeyring);
+    EXPECT_LT(secondsSince(start), 2.5);
+    close(silent);
 }
 
 TEST(FingerprintReader, OnlyAMatchVerifiesAndTheDeviceIsAlwaysLetGo) {
