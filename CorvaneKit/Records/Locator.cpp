@@ -37,6 +37,8 @@ std::optional<std::string> Locator::resolve(const std::vector<std::uint8_t>& loc
     } catch (const DecodingError&) {
         return std::nullopt;
     }
+    // The system would see a shorter path than the one handed back.
+    if (path.find('\0') != std::string::npos) return std::nullopt;
     auto isTheItem = [&](const std::string& candidate) {
         struct stat status {};
         return lstat(candidate.c_str(), &status) == 0 && status.st_dev == device &&
