@@ -24,22 +24,6 @@
 
 namespace corvane::testing {
 
-// Sets (or with nothing, unsets) an environment variable and puts back what was there.
-class ScopedVariable {
-public:
-    ScopedVariable(std::string name, const std::optional<std::string>& value) : name_(name) {
-        if (const char* old = std::getenv(name_.c_str())) old_ = old;
-        value ? setenv(name_.c_str(), value->c_str(), 1) : unsetenv(name_.c_str());
-    }
-    ~ScopedVariable() { old_ ? setenv(name_.c_str(), old_->c_str(), 1) : unsetenv(name_.c_str()); }
-    ScopedVariable(const ScopedVariable&) = delete;
-    ScopedVariable& operator=(const ScopedVariable&) = delete;
-
-private:
-    std::string name_;
-    std::optional<std::string> old_;
-};
-
 struct Outcome {
     int status;
     std::string out;

@@ -22,6 +22,7 @@ using testing::DaemonProcess;
 using testing::PrivateBus;
 using testing::PrivateKeyring;
 using testing::PrivateSystemBus;
+using testing::ScopedVariable;
 using testing::TempDir;
 using Calls = std::vector<std::string>;
 using Clock = std::chrono::steady_clock;
@@ -29,19 +30,6 @@ using Clock = std::chrono::steady_clock;
 const std::string noKeyring =
     "Corvane keeps its password in your desktop keyring, and no keyring is running. Start GNOME "
     "Keyring, or KWallet with its Secret Service, then try again.";
-
-class ScopedVariable {
-public:
-    ScopedVariable(std::string name, const std::optional<std::string>& value) : name_(name) {
-        if (const char* old = std::getenv(name_.c_str())) old_ = old;
-        value ? setenv(name_.c_str(), value->c_str(), 1) : unsetenv(name_.c_str());
-    }
-    ~ScopedVariable() { old_ ? setenv(name_.c_str(), old_->c_str(), 1) : unsetenv(name_.c_str()); }
-
-private:
-    std::string name_;
-    std::optional<std::string> old_;
-};
 
 double secondsSince(Clock::time_point start) {
     return std::chrono::duration<double>(Clock::now() - start).count();
