@@ -34,6 +34,9 @@ namespace corvane {
 class Locker {
 public:
     using Progress = std::function<void(LockStep)>;
+    // Bytes done of `total` in the step last reported, a few times a second while it copies or
+    // checks. Called on the thread that runs the operation.
+    using BytesProgress = std::function<void(std::int64_t done, std::int64_t total)>;
 
     // What is compared before and after the copy to notice an item that changed meanwhile.
     struct EntryMetadata {
@@ -76,7 +79,8 @@ public:
 
     // Locks the file or folder at `path` and returns its record (stage complete).
     LockedItem lock(const std::string& path, const std::string& password, std::int64_t generation,
-                    const CancelToken* cancel = nullptr, const Progress& progress = nullptr);
+                    const CancelToken* cancel = nullptr, const Progress& progress = nullptr,
+                    const BytesProgress& bytes = nullptr);
 
     // Opens the locked item at `path` at its private mount point; an open item is returned as it
     // is. A link to a locked item is refused as a shortcut, here and in removeLock.
@@ -87,7 +91,8 @@ public:
 
     // Turns the locked item at `path` back into normal files beside it; returns where they are.
     std::string removeLock(const std::string& path, const std::string& password,
-                           const CancelToken* cancel = nullptr, const Progress& progress = nullptr);
+                           const CancelToken* cancel = nullptr, const Progress& progress = nullptr,
+                    const BytesProgress& bytes = nullptr);
     static std::string restoreDestination(const std::string& name, const std::string& directory);
 
     // Finishes or undoes every interrupted lock and restore in the journal and closes images

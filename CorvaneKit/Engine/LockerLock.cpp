@@ -149,7 +149,7 @@ void Locker::copy(const std::string& source, const std::string& destination,
 
 LockedItem Locker::lock(const std::string& path, const std::string& password,
                         std::int64_t generation, const CancelToken* cancel,
-                        const Progress& progress) {
+                        const Progress& progress, const BytesProgress& /*bytes*/) {
     requireUsablePassword(password);
     const std::string item = itemPath(path);
     auto report = [&](LockStep step) {

@@ -105,7 +105,8 @@ std::string Locker::restoreDestination(const std::string& name, const std::strin
 }
 
 std::string Locker::removeLock(const std::string& path, const std::string& password,
-                               const CancelToken* cancel, const Progress& progress) {
+                               const CancelToken* cancel, const Progress& progress,
+                               const BytesProgress& /*bytes*/) {
     auto report = [&](LockStep step) {
         if (progress) progress(step);
     };

@@ -1,0 +1,43 @@
+// Coroutines waiting for one event (ready, idle, password change over): each is resumed once, in
+// the order it began to wait, from the event loop rather than from inside whoever fired the event.
+// Main thread only.
+#pragma once
+
+#include <QCoreApplication>
+#include <QMetaObject>
+#include <coroutine>
+#include <vector>
+
+namespace corvane::app {
+
+class WaitList {
+public:
+    // co_await list.wait(): suspends until the next resumeAll().
+    auto wait() {
+        struct Awaiter {
+            WaitList& list;
+            bool await_ready() const noexcept { return false; }
+            void await_suspend(std::coroutine_handle<> awaiting) {
+                list.waiting_.push_back(awaiting);
+            }
+            void await_resume() const noexcept {}
+        };
+        return Awaiter{*this};
+    }
+
+    void resumeAll() {
+        std::vector<std::coroutine_handle<>> waiting;
+        waiting.swap(waiting_);
+        for (auto awaiting : waiting)
+            QMetaObject::invokeMethod(
+                QCoreApplication::instance(), [awaiting] { awaiting.resume(); },
+                Qt::QueuedConnection);
+    }
+
+    std::size_t size() const { return waiting_.size(); }
+
+private:
+    std::vector<std::coroutine_handle<>> waiting_;
+};
+
+}  // namespace corvane::app
