@@ -144,7 +144,7 @@ private:
     std::string nameFor(const std::string& path) const;
     void showFailure(const std::string& title, const std::exception_ptr& failure);
     // Progress and bytes reported on the worker thread, shown on the main thread.
-    Locker::Progress progressReporter(const std::string& name);
+    Locker::Progress progressReporter(const std::string& name, std::function<void()> onCancel);
     Locker::BytesProgress bytesReporter();
     void finishChangingPassword();
 

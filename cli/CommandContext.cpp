@@ -5,7 +5,7 @@
 #include "CommandFailure.h"
 #include "Engine/AppPaths.h"
 #include "FileSystem/GocryptfsTool.h"
-#include "MigrationMessage.h"
+#include "Records/PasswordRules.h"
 #include "TerminalText.h"
 
 namespace corvane::cli {
@@ -53,14 +53,7 @@ void CommandContext::finishPasswordMigration(Locker& locker) {
             notices_ << "Lock every unlocked item to finish updating your password.\n";
             return;
         }
-        // An item may have been away through more than one change: each earlier password in
-        // turn, newest first, moves the items it opens.
-        std::map<Uuid, CorvaneError> failures;
-        for (const auto& earlier : secret->openCandidates()) {
-            if (earlier == secret->password) continue;
-            failures = locker.changePassword(earlier, secret->password, secret->generation);
-            if (failures.empty()) break;
-        }
+        std::map<Uuid, CorvaneError> failures = locker.finishMigration(*secret);
         if (failures.empty()) {
             if (secret->previous) store_.save(secret->migrated());
             return;
@@ -68,7 +61,7 @@ void CommandContext::finishPasswordMigration(Locker& locker) {
         std::vector<std::string> names;
         for (const auto& item : locker.index.load())
             if (failures.contains(item.id)) names.push_back(forError(item.displayName));
-        notices_ << migrationFailureMessage(names, failures.size()) << '\n';
+        notices_ << PasswordRules::migrationFailureMessage(names, failures.size()) << '\n';
     } catch (const std::exception& error) {
         // The command the user asked for still runs; the migration waits for the next one.
         notices_ << "Corvane could not finish updating your password: " << forError(error.what())

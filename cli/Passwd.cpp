@@ -4,7 +4,6 @@
 #include "Arguments.h"
 #include "CommandFailure.h"
 #include "Commands.h"
-#include "MigrationMessage.h"
 #include "Records/PasswordRules.h"
 #include "UsageError.h"
 
@@ -65,7 +64,7 @@ int runPasswd(CommandContext& context, const Words& words, std::istream&, std::o
     for (const auto& item : locker.index.load())
         if (failures.contains(item.id)) names.push_back(context.forError(item.displayName));
     out << "Your password was changed.\n";
-    err << migrationFailureMessage(names, failures.size()) << '\n';
+    err << PasswordRules::migrationFailureMessage(names, failures.size()) << '\n';
     return 1;
 }
 

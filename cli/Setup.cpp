@@ -11,8 +11,6 @@ namespace corvane::cli {
 
 namespace {
 
-constexpr std::int64_t kFirstGeneration = 1;
-
 const char* strengthName(PasswordRules::Strength strength) {
     switch (strength) {
         case PasswordRules::Strength::weak: return "weak";
@@ -77,7 +75,7 @@ int runSetup(CommandContext& context, const Words& words, std::istream&, std::os
 
     StoredSecret secret;
     secret.password = chosen->text();
-    secret.generation = kFirstGeneration;
+    secret.generation = StoredSecret::firstGeneration;
     try {
         context.store().save(secret);
     } catch (const std::exception&) {

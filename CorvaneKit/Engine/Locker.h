@@ -28,6 +28,7 @@
 #include "Records/ItemIndex.h"
 #include "Records/ItemMarker.h"
 #include "Records/OperationJournal.h"
+#include "Records/StoredSecret.h"
 
 namespace corvane {
 
@@ -107,6 +108,10 @@ public:
     std::map<Uuid, CorvaneError> changePassword(
         const std::string& from, const std::string& to, std::int64_t generation,
         const std::function<void(const LockedItem&)>& moving = nullptr);
+    // Moves the items still behind the record's generation with each earlier password in turn,
+    // newest first, so that an item away through several changes catches up. Returns the items
+    // none of them moved; throws needsAllLocked while any item is open.
+    std::map<Uuid, CorvaneError> finishMigration(const StoredSecret& secret);
     // The display names of the items still behind `generation`, in index order.
     std::vector<std::string> itemsStillMigrating(std::int64_t generation) const;
 

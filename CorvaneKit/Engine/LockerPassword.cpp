@@ -56,4 +56,14 @@ std::vector<std::string> Locker::itemsStillMigrating(std::int64_t generation) co
     return names;
 }
 
+std::map<Uuid, CorvaneError> Locker::finishMigration(const StoredSecret& secret) {
+    std::map<Uuid, CorvaneError> failures;
+    for (const auto& earlier : secret.openCandidates()) {
+        if (earlier == secret.password) continue;
+        failures = changePassword(earlier, secret.password, secret.generation);
+        if (failures.empty()) break;
+    }
+    return failures;
+}
+
 }  // namespace corvane

@@ -109,4 +109,12 @@ std::string PasswordRules::stillMigratingMessage(const std::vector<std::string>&
            CorvaneError::list(shown) + ". " + advice;
 }
 
+std::string PasswordRules::migrationFailureMessage(const std::vector<std::string>& names,
+                                                  std::size_t count) {
+    std::string subject = !names.empty()
+                              ? CorvaneError::list(names)
+                              : std::to_string(count) + (count == 1 ? " item" : " items");
+    return subject + " could not be updated yet. Corvane will try again next time it opens.";
+}
+
 }  // namespace corvane

@@ -29,6 +29,10 @@ struct PasswordRules {
     static Strength strength(std::string_view password);
 
     static std::string stillMigratingMessage(const std::vector<std::string>& names);
+    // About items a password change could not move yet: their `names`, or when none can be
+    // named, their `count`.
+    static std::string migrationFailureMessage(const std::vector<std::string>& names,
+                                               std::size_t count);
 
     // Grapheme clusters in UTF-8 text.
     static std::size_t characterCount(std::string_view text);

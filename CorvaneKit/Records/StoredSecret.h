@@ -12,6 +12,8 @@
 namespace corvane {
 
 struct StoredSecret {
+    static constexpr std::int64_t firstGeneration = 1;
+
     std::string password;
     std::int64_t generation = 0;
     std::optional<std::string> previous;

@@ -1,0 +1,752 @@
+#include "AppModel.h"
+
+#include <sys/stat.h>
+
+#include <QCoreApplication>
+#include <QFile>
+#include <QMetaObject>
+#include <QTimer>
+#include <algorithm>
+
+#include "Engine/AppPaths.h"
+#include "FileSystem/FileWalk.h"
+#include "FileSystem/GocryptfsTool.h"
+#include "FileSystem/ItemFacts.h"
+#include "FileSystem/ThumbnailScrubber.h"
+#include "Records/DateFormat.h"
+#include "Records/PasswordRules.h"
+#include "Records/Paths.h"
+#include "Records/SharedState.h"
+
+namespace corvane::app {
+
+namespace {
+
+constexpr std::string_view lockedExtension = ".corvlock";
+
+// What the user calls an item: the locked item's name without its extension, or the name of the
+// file or folder given.
+std::string itemName(const std::string& path) {
+    std::string name = lastPathComponent(standardizedPath(path));
+    std::string lowered = name;
+    std::transform(lowered.begin(), lowered.end(), lowered.begin(),
+                   [](unsigned char c) { return std::tolower(c); });
+    if (lowered.size() > lockedExtension.size() && lowered.ends_with(lockedExtension))
+        name.resize(name.size() - lockedExtension.size());
+    return name;
+}
+
+bool isWrongPassword(const std::exception_ptr& failure) {
+    try {
+        std::rethrow_exception(failure);
+    } catch (const CorvaneError& error) {
+        return error.errorCase() == CorvaneError::Case::wrongPassword;
+    } catch (...) {
+        return false;
+    }
+}
+
+std::string failureText(const std::exception_ptr& failure) {
+    try {
+        std::rethrow_exception(failure);
+    } catch (const CorvaneError& error) {
+        return error.errorDescription();
+    } catch (const std::exception& error) {
+        return error.what();
+    } catch (...) {
+        return "An unexpected error occurred.";
+    }
+}
+
+// Schedules `work` on the main thread's event loop after `delay`; the coroutine resumes there.
+auto sleepFor(QObject* context, std::chrono::milliseconds delay) {
+    struct Awaiter {
+        QObject* context;
+        std::chrono::milliseconds delay;
+        bool await_ready() const noexcept { return delay.count() <= 0; }
+        void await_suspend(std::coroutine_handle<> awaiting) {
+            QTimer::singleShot(delay, context, [awaiting] { awaiting.resume(); });
+        }
+        void await_resume() const noexcept {}
+    };
+    return Awaiter{context, delay};
+}
+
+}  // namespace
+
+AppModel::Configuration AppModel::Configuration::fromEnvironment() {
+    Configuration configuration;
+    configuration.support = AppPaths::support();
+    configuration.home = AppPaths::home();
+    if (QCoreApplication::instance())
+        configuration.application =
+            QFile::encodeName(QCoreApplication::applicationFilePath()).toStdString();
+    configuration.keychainService = PasswordStore::serviceFromEnvironment();
+    configuration.settingsPath = UserSettings::defaultPath();
+    configuration.sharedState = SharedState::defaultURL();
+    return configuration;
+}
+
+AppModel::AppModel(Services services, Configuration configuration, QObject* parent)
+    : QObject(parent),
+      services_(services),
+      configuration_(std::move(configuration)),
+      passwords_(configuration_.keychainService),
+      settings_(configuration_.settingsPath),
+      worker_(std::make_unique<Worker>(this)),
+      idleMinutes_(settings_.idleMinutes()),
+      touchIDEnabled_(settings_.touchIDEnabled()) {}
+
+AppModel::~AppModel() {
+    // The worker finishes what it runs before the engine and the support lock go.
+    worker_.reset();
+    locker_.reset();
+    supportLock_.reset();
+}
+
+void AppModel::setIdleMinutes(int minutes) {
+    if (minutes == idleMinutes_) return;
+    idleMinutes_ = minutes;
+    try {
+        settings_.setIdleMinutes(minutes);
+    } catch (const std::exception& error) {
+        qWarning("corvane: could not save the settings: %s", error.what());
+    }
+    emit settingsChanged();
+}
+
+void AppModel::setTouchIDEnabled(bool enabled) {
+    if (enabled == touchIDEnabled_) return;
+    touchIDEnabled_ = enabled;
+    try {
+        settings_.setTouchIDEnabled(enabled);
+    } catch (const std::exception& error) {
+        qWarning("corvane: could not save the settings: %s", error.what());
+    }
+    emit settingsChanged();
+}
+
+bool AppModel::fingerprintAvailable() const {
+    return reader_.available();
+}
+
+bool AppModel::start() {
+    try {
+        supportLock_ = SupportLock::acquire(configuration_.support);
+    } catch (const std::exception& error) {
+        qWarning("corvane: %s", error.what());
+        return false;
+    }
+    if (!supportLock_) return false;
+    auto tool = configuration_.tool ? configuration_.tool : std::make_shared<GocryptfsTool>();
+    locker_ = std::make_unique<Locker>(configuration_.support, configuration_.home,
+                                       configuration_.application, std::move(tool));
+    needsSetup_ = !passwords_.load().has_value();
+    emit needsSetupChanged();
+    spawn(startUp());
+    return true;
+}
+
+Task<> AppModel::startUp() {
+    co_await tracking("finishing interrupted work", [this]() -> Task<> {
+        RecoveryReport report = co_await worker_->run([this] { return locker_->recover(); });
+        if (auto notice = report.notice()) services_.notifier.post(notice->title, notice->body);
+    });
+    co_await finishPasswordMigrationIfNeeded();
+
+    isReady_ = true;
+    // Commands that came in early run one after the other, in the order they arrived.
+    if (!pending_.empty())
+        spawn([](AppModel* model, std::vector<CorvaneCommand> early) -> Task<> {
+            for (auto& command : early) co_await model->run(std::move(command));
+        }(this, std::exchange(pending_, {})));
+    readyWaiters_.resumeAll();
+    emit becameReady();
+
+    co_await refresh();
+    co_await repairNames(true);
+}
+
+Task<> AppModel::repairNames(bool scheduleRecheck) {
+    co_await tracking("checking locked item names", [this]() -> Task<> {
+        co_await worker_->run([this] {
+            for (const auto& item : locker_->index.load())
+                if (auto url = ItemIndex::locate(item)) Locker::setHiddenExtension(*url);
+        });
+    });
+    if (!scheduleRecheck) co_return;
+    // Items on a volume that was still being mounted at login are found a little later.
+    co_await sleepFor(this, configuration_.nameRecheckDelay);
+    co_await repairNames(false);
+}
+
+template <class Body>
+auto AppModel::tracking(std::string label, Body body) -> decltype(body()) {
+    Uuid id = activity_.begin(std::move(label));
+    emit activityChanged();
+    struct End {
+        AppModel* model;
+        Uuid id;
+        ~End() { model->endActivity(id); }
+    } end{this, id};
+    co_return co_await body();
+}
+
+void AppModel::endActivity(const Uuid& id) {
+    activity_.end(id);
+    emit activityChanged();
+    if (activity_.isIdle()) idleWaiters_.resumeAll();
+}
+
+void AppModel::handle(const CorvaneCommand& command) {
+    if (!isReady_) {
+        pending_.push_back(command);
+        return;
+    }
+    spawn(run(command));
+}
+
+Task<> AppModel::run(CorvaneCommand command) {
+    requestArrived_ = true;
+    switch (command.kind) {
+        case CorvaneCommand::Kind::lock:
+            for (const auto& path : command.paths) co_await lock(path);
+            break;
+        case CorvaneCommand::Kind::lockNow:
+            for (const auto& path : command.paths) co_await lockNow(path);
+            break;
+        case CorvaneCommand::Kind::unlock:
+            if (!command.paths.empty()) co_await unlock(command.paths.front());
+            break;
+        case CorvaneCommand::Kind::removeLock:
+            if (!command.paths.empty()) co_await removeLock(command.paths.front());
+            break;
+        case CorvaneCommand::Kind::reveal:
+            if (!command.paths.empty()) reveal(command.paths.front());
+            break;
+    }
+}
+
+Task<> AppModel::waitUntilReady() {
+    if (isReady_) co_return;
+    co_await readyWaiters_.wait();
+}
+
+Task<> AppModel::waitUntilIdle() {
+    if (activity_.isIdle()) co_return;
+    co_await idleWaiters_.wait();
+}
+
+Task<> AppModel::waitWhilePasswordChanges() {
+    if (!changingPassword_) co_return;
+    co_await passwordWaiters_.wait();
+}
+
+std::string AppModel::message(LockStep step, const std::string& name) {
+    switch (step) {
+        case LockStep::preparing: return "Getting " + name + " ready…";
+        case LockStep::downloading: return "Downloading " + name + "…";
+        case LockStep::encrypting: return "Encrypting " + name + "…";
+        case LockStep::verifying: return "Checking every file in " + name + "…";
+        case LockStep::removingOriginal: return "Removing the unlocked original…";
+        case LockStep::restoring: return "Restoring " + name + "…";
+        case LockStep::finishing: return "Finishing up…";
+    }
+    return "";
+}
+
+Locker::Progress AppModel::progressReporter(const std::string& name,
+                                            std::function<void()> onCancel) {
+    // Reports come from the worker thread; the window is only touched on the main thread, and
+    // queued calls arrive before the operation's own result does.
+    return [this, name, onCancel](LockStep step) {
+        QMetaObject::invokeMethod(
+            this,
+            [this, step, name, onCancel] {
+                services_.progress.show(message(step, name), onCancel);
+            },
+            Qt::QueuedConnection);
+    };
+}
+
+Locker::BytesProgress AppModel::bytesReporter() {
+    return [this](std::int64_t done, std::int64_t total) {
+        QMetaObject::invokeMethod(
+            this, [this, done, total] { services_.progress.showBytes(done, total); },
+            Qt::QueuedConnection);
+    };
+}
+
+void AppModel::showFailure(const std::string& title, const std::exception_ptr& failure) {
+    services_.prompter.choose(title, failureText(failure), {"OK"});
+}
+
+Task<> AppModel::lock(std::string path) {
+    std::string name = itemName(path);
+    co_await tracking("locking " + name, [&]() -> Task<> {
+        auto cancel = std::make_shared<CancelToken>();
+        auto onCancel = [cancel] { cancel->cancel(); };
+        services_.progress.show(message(LockStep::preparing, name), onCancel);
+        std::optional<StoredSecret> secret = passwords_.load();
+        std::exception_ptr failure;
+        if (secret) {
+            try {
+                co_await worker_->run([&, cancel] {
+                    locker_->lock(path, secret->password, secret->generation, cancel.get(),
+                                  progressReporter(name, onCancel), bytesReporter());
+                });
+            } catch (...) {
+                failure = std::current_exception();
+            }
+        }
+        services_.progress.close();
+        if (failure) {
+            std::optional<CorvaneError::Notice> notice;
+            try {
+                std::rethrow_exception(failure);
+            } catch (const CorvaneError& error) {
+                notice = error.lockedNotice();
+            } catch (...) {
+            }
+            if (notice)
+                services_.prompter.choose(notice->title, notice->message, {"OK"});
+            else
+                showFailure("Could not lock " + name, failure);
+        }
+    });
+    co_await refresh();
+}
+
+Task<> AppModel::chooseAndLock() {
+    for (const auto& path : services_.prompter.chooseItemsToLock()) co_await lock(path);
+}
+
+std::string AppModel::nameFor(const std::string& path) const {
+    std::string wanted = canonicalPath(path);
+    for (const auto& row : rows_)
+        if (row.url && canonicalPath(*row.url) == wanted) return row.name;
+    return itemName(path);
+}
+
+Task<std::optional<std::string>> AppModel::verifiedPassword(std::string reason) {
+    std::optional<StoredSecret> secret = passwords_.load();
+    if (!secret) co_return services_.prompter.password("Enter the password for this item", "");
+
+    if (touchIDEnabled_) {
+        // The reader waits on a thread of its own, so that the engine's worker stays free and the
+        // user can choose to type instead.
+        auto stop = std::make_shared<std::atomic<bool>>(false);
+        bool verified = false;
+        struct Check {
+            AppModel* model;
+            std::shared_ptr<std::atomic<bool>> stop;
+            bool& verified;
+            std::string reason;
+            bool await_ready() const noexcept { return false; }
+            void await_suspend(std::coroutine_handle<> awaiting) {
+                auto timeout = model->configuration_.fingerprintTimeout;
+                model->services_.prompter.fingerprintWaiting(reason,
+                                                             [stop = stop] { *stop = true; });
+                std::thread([model = model, stop = stop, &verified = verified, awaiting, timeout] {
+                    FingerprintReader reader;
+                    bool result = reader.available() &&
+                                  reader.verify(timeout, [stop] { return stop->load(); });
+                    QMetaObject::invokeMethod(
+                        model,
+                        [model, result, &verified, awaiting] {
+                            model->services_.prompter.fingerprintFinished();
+                            verified = result;
+                            awaiting.resume();
+                        },
+                        Qt::QueuedConnection);
+                }).detach();
+            }
+            void await_resume() const noexcept {}
+        };
+        if (reader_.available()) co_await Check{this, stop, verified, reason};
+        if (verified) co_return secret->password;
+    }
+
+    std::string message = "Corvane needs your password to " + reason;
+    for (int attempt = 0; attempt < 5; ++attempt) {
+        auto typed = services_.prompter.password("Enter your Corvane password", message);
+        if (!typed) co_return std::nullopt;
+        if (*typed == secret->password) co_return typed;
+        message = "That password did not work. Try again.";
+    }
+    co_return std::nullopt;
+}
+
+template <class Attempt>
+Task<bool> AppModel::withItemPassword(Attempt attempt) {
+    std::vector<std::string> candidates;
+    if (auto secret = passwords_.load()) candidates = secret->openCandidates();
+    for (const auto& candidate : candidates) {
+        try {
+            co_await worker_->run([&] { attempt(candidate); });
+            co_return true;
+        } catch (...) {
+            if (!isWrongPassword(std::current_exception())) throw;
+        }
+    }
+    for (;;) {
+        auto typed = services_.prompter.password("This item uses a different password",
+                                                 "Enter the password it was locked with.");
+        if (!typed) co_return false;
+        try {
+            co_await worker_->run([&] { attempt(*typed); });
+            co_return true;
+        } catch (...) {
+            if (!isWrongPassword(std::current_exception())) throw;
+        }
+    }
+}
+
+Task<> AppModel::unlock(std::string path) {
+    std::string name = nameFor(path);
+    auto password = co_await verifiedPassword("unlock " + name);
+    if (!password) co_return;
+    co_await tracking("unlocking " + name, [&]() -> Task<> {
+        std::optional<OpenItem> opened;
+        try {
+            co_await withItemPassword(
+                [&](const std::string& each) { opened = locker_->unlock(path, each); });
+        } catch (...) {
+            showFailure("Could not unlock " + name, std::current_exception());
+        }
+        if (!opened) co_return;
+        // A folder opens in the file manager; a file is shown selected in its folder.
+        if (opened->kind == LockedItem::Kind::folder)
+            services_.shell.open(opened->contentURL());
+        else
+            services_.shell.reveal({opened->contentURL()});
+    });
+    co_await refresh();
+}
+
+std::optional<OpenItem> AppModel::openItemAt(const std::string& path) const {
+    std::string wanted = canonicalPath(path);
+    for (const auto& item : openItems_)
+        for (const auto& place : {item.lockedURL, item.mountPoint, item.contentURL()})
+            if (canonicalPath(place) == wanted) return item;
+    return std::nullopt;
+}
+
+Task<std::vector<OpenItem>> AppModel::currentOpenItems() {
+    openItems_ = co_await worker_->run([this] { return locker_->openItems(); });
+    co_return openItems_;
+}
+
+Task<> AppModel::lockNow(std::string path) {
+    co_await currentOpenItems();
+    std::optional<OpenItem> item = openItemAt(path);
+    if (!item) co_return;
+    co_await relock(*item);
+    co_await refresh();
+}
+
+Task<> AppModel::relock(OpenItem item) {
+    co_await tracking("locking " + item.name, [&]() -> Task<> {
+        bool force = false;
+        for (;;) {
+            std::exception_ptr failure;
+            try {
+                co_await worker_->run([&] {
+                    // What was shown while it was open is named by paths below the mount point:
+                    // learn them while they can still be walked.
+                    std::string contents = item.contentURL();
+                    std::vector<std::string> entries;
+                    try {
+                        entries = FileWalk::relativePaths(contents);
+                    } catch (const std::exception&) {
+                    }
+                    locker_->relock(item, force);
+                    ThumbnailScrubber::reset(contents, entries);
+                });
+                co_return;
+            } catch (...) {
+                failure = std::current_exception();
+            }
+            std::optional<std::vector<std::string>> holders;
+            try {
+                std::rethrow_exception(failure);
+            } catch (const CorvaneError& error) {
+                if (error.errorCase() == CorvaneError::Case::inUse)
+                    if (auto* names = std::get_if<std::vector<std::string>>(&error.payload()))
+                        holders = *names;
+            } catch (...) {
+            }
+            if (!holders) {
+                showFailure("Could not lock " + item.name, failure);
+                co_return;
+            }
+            std::string apps = holders->empty() ? "another app" : CorvaneError::list(*holders);
+            int choice = services_.prompter.choose(
+                item.name + " is still in use",
+                "Files are open in " + apps +
+                    ". Close them, then try again. Force Lock closes them without saving, so "
+                    "unsaved changes in open apps will be lost.",
+                {"Try Again", "Force Lock", "Cancel"});
+            if (choice == 1)
+                force = true;
+            else if (choice != 0)
+                co_return;
+        }
+    });
+}
+
+Task<> AppModel::lockAll() {
+    for (const auto& item : co_await currentOpenItems()) co_await relock(item);
+    co_await refresh();
+}
+
+Task<std::vector<std::string>> AppModel::relockAllQuietly() {
+    std::vector<std::string> inUse;
+    for (const auto& item : co_await currentOpenItems()) {
+        try {
+            co_await tracking("locking " + item.name, [&]() -> Task<> {
+                co_await worker_->run([&] {
+                    std::string contents = item.contentURL();
+                    std::vector<std::string> entries;
+                    try {
+                        entries = FileWalk::relativePaths(contents);
+                    } catch (const std::exception&) {
+                    }
+                    locker_->relock(item, false);
+                    ThumbnailScrubber::reset(contents, entries);
+                });
+            });
+        } catch (const CorvaneError& error) {
+            if (error.errorCase() == CorvaneError::Case::inUse) inUse.push_back(item.name);
+        } catch (const std::exception& error) {
+            qWarning("corvane: could not lock an item: %s", error.what());
+        }
+    }
+    co_await refresh();
+    co_return inUse;
+}
+
+Task<> AppModel::removeLock(std::string path) {
+    std::string name = nameFor(path);
+    int answer = services_.prompter.choose(
+        "Remove the lock from " + name + "?",
+        name + " turns back into normal files that anyone using this computer can open.",
+        {"Remove Lock", "Cancel"});
+    if (answer != 0) co_return;
+    auto password = co_await verifiedPassword("remove the lock from " + name);
+    if (!password) co_return;
+    co_await tracking("removing the lock from " + name, [&]() -> Task<> {
+        auto cancel = std::make_shared<CancelToken>();
+        auto onCancel = [cancel] { cancel->cancel(); };
+        services_.progress.show("Removing the lock from " + name, onCancel);
+        std::exception_ptr failure;
+        try {
+            co_await withItemPassword([&](const std::string& each) {
+                locker_->removeLock(path, each, cancel.get(), progressReporter(name, onCancel),
+                                    bytesReporter());
+            });
+        } catch (...) {
+            failure = std::current_exception();
+        }
+        services_.progress.close();
+        if (failure) showFailure("Could not remove the lock", failure);
+    });
+    co_await refresh();
+}
+
+void AppModel::reveal(const std::string& path) {
+    // Only an open item has contents to show.
+    if (auto item = openItemAt(path)) services_.shell.reveal({item->contentURL()});
+}
+
+Task<> AppModel::forget(ItemRow row) {
+    int answer = services_.prompter.choose("Forget " + row.name + "?",
+                                           "Corvane stops listing it. Nothing is deleted.",
+                                           {"Forget", "Cancel"});
+    if (answer != 0) co_return;
+    try {
+        co_await worker_->run([&] { locker_->index.remove(row.id); });
+    } catch (...) {
+        showFailure("Could not forget " + row.name, std::current_exception());
+    }
+    co_await refresh();
+}
+
+Task<> AppModel::locate(ItemRow row) {
+    auto chosen = services_.prompter.chooseLockedItem(row.name);
+    if (!chosen) co_return;
+    try {
+        co_await worker_->run([&] {
+            std::string path = standardizedPath(*chosen);
+            struct stat info {};
+            if (lstat(path.c_str(), &info) != 0 || !S_ISDIR(info.st_mode) ||
+                itemName(path) == lastPathComponent(path) ||
+                lstat((path + "/gocryptfs.conf").c_str(), &info) != 0 || !S_ISREG(info.st_mode))
+                throw CorvaneError::notLocked();
+            for (const auto& item : locker_->index.load())
+                if (item.id == row.id) locker_->index.upsert(ItemIndex::refreshed(item, path));
+        });
+    } catch (...) {
+        showFailure("Could not find " + row.name, std::current_exception());
+    }
+    co_await refresh();
+}
+
+Task<> AppModel::refresh() {
+    struct Snapshot {
+        std::vector<ItemRow> rows;
+        std::vector<OpenItem> open;
+    };
+    std::optional<std::int64_t> generation;
+    if (auto secret = passwords_.load()) generation = secret->generation;
+    Snapshot snapshot;
+    try {
+        snapshot = co_await worker_->run([&] {
+            Snapshot result;
+            result.open = locker_->openItems();
+            std::vector<LockedItem> items = locker_->index.load();
+            std::stable_sort(items.begin(), items.end(), [](const auto& a, const auto& b) {
+                return QString::fromUtf8(a.displayName)
+                           .compare(QString::fromUtf8(b.displayName), Qt::CaseInsensitive) < 0;
+            });
+            for (const auto& item : items) {
+                ItemRow row;
+                row.id = item.id;
+                row.name = item.displayName;
+                row.url = ItemIndex::locate(item);
+                row.location = parentPath(row.url ? *row.url : item.lastKnownPath);
+                if (row.url) {
+                    row.size = ItemFacts::allocatedSize(*row.url);
+                    Locker::setHiddenExtension(*row.url);
+                }
+                row.originalSize = item.contentSize;
+                row.isOpen = std::any_of(result.open.begin(), result.open.end(),
+                                         [&](const OpenItem& open) { return open.id == item.id; });
+                row.needsPasswordUpdate = generation && item.passwordGeneration < *generation;
+                result.rows.push_back(std::move(row));
+            }
+            if (configuration_.sharedState) {
+                SharedState state;
+                for (const auto& open : result.open)
+                    state.unlockedPaths.push_back(canonicalPath(open.lockedURL));
+                state.bootTime = SharedState::currentBootTime();
+                try {
+                    state.write(*configuration_.sharedState);
+                } catch (const std::exception& error) {
+                    qWarning("corvane: could not write the shared state: %s", error.what());
+                }
+            }
+            return result;
+        });
+    } catch (const std::exception& error) {
+        qWarning("corvane: could not read the item list: %s", error.what());
+        co_return;
+    }
+    rows_ = std::move(snapshot.rows);
+    openItems_ = std::move(snapshot.open);
+    emit rowsChanged();
+}
+
+Task<std::optional<std::string>> AppModel::changePassword(std::string current, std::string next) {
+    if (auto refusal = activity_.passwordChangeRefusal()) co_return refusal;
+    if (changingPassword_) co_return Activity::passwordChangeRefusal({"updating your password"});
+    if (auto problem = PasswordRules::problem(next)) co_return problem;
+    std::optional<StoredSecret> secret = passwords_.load();
+    if (!secret || current != secret->password) co_return "Your current password is not correct.";
+    auto behind =
+        co_await worker_->run([&] { return locker_->itemsStillMigrating(secret->generation); });
+    if (!behind.empty()) co_return PasswordRules::stillMigratingMessage(behind);
+
+    changingPassword_ = true;
+    struct Finish {
+        AppModel* model;
+        ~Finish() { model->finishChangingPassword(); }
+    } finish{this};
+    StoredSecret changed = secret->changing(next);
+    try {
+        passwords_.save(changed);
+    } catch (const std::exception&) {
+        co_return "Could not save the new password to your keyring.";
+    }
+    std::optional<std::string> result;
+    co_await tracking("updating your password", [&]() -> Task<> {
+        try {
+            auto failures = co_await worker_->run([&] {
+                return locker_->changePassword(secret->password, changed.password,
+                                               changed.generation);
+            });
+            if (failures.empty()) {
+                passwords_.save(changed.migrated());
+            } else {
+                std::vector<std::string> names;
+                for (const auto& row : rows_)
+                    if (failures.contains(row.id)) names.push_back(row.name);
+                result = PasswordRules::migrationFailureMessage(names, failures.size());
+            }
+        } catch (...) {
+            // The new password is saved; items not moved yet move at the next start.
+            result = failureText(std::current_exception());
+        }
+    });
+    co_await refresh();
+    co_return result;
+}
+
+void AppModel::finishChangingPassword() {
+    changingPassword_ = false;
+    passwordWaiters_.resumeAll();
+}
+
+Task<> AppModel::finishPasswordMigrationIfNeeded() {
+    std::optional<StoredSecret> secret = passwords_.load();
+    if (!secret) co_return;
+    auto behind =
+        co_await worker_->run([&] { return locker_->itemsStillMigrating(secret->generation); });
+    if (behind.empty()) {
+        if (secret->previous) {
+            try {
+                passwords_.save(secret->migrated());
+            } catch (const std::exception&) {
+                // Dropped at the next start instead.
+            }
+        }
+        co_return;
+    }
+    std::optional<std::string> problem;
+    co_await tracking("updating your password", [&]() -> Task<> {
+        try {
+            auto outcome = co_await worker_->run([&]() -> std::optional<std::string> {
+                if (!locker_->openItems().empty())
+                    return "Lock every unlocked item to finish updating your password.";
+                auto failures = locker_->finishMigration(*secret);
+                if (failures.empty()) return std::nullopt;
+                std::vector<std::string> names;
+                for (const auto& item : locker_->index.load())
+                    if (failures.contains(item.id)) names.push_back(item.displayName);
+                return PasswordRules::migrationFailureMessage(names, failures.size());
+            });
+            problem = outcome;
+            if (!outcome && secret->previous) passwords_.save(secret->migrated());
+        } catch (...) {
+            problem = failureText(std::current_exception());
+        }
+    });
+    if (problem) services_.notifier.post("Updating your password", *problem);
+}
+
+std::optional<std::string> AppModel::finishSetup(const std::string& password, bool useFingerprint) {
+    StoredSecret first;
+    first.password = password;
+    first.generation = StoredSecret::firstGeneration;
+    try {
+        passwords_.save(first);
+    } catch (const std::exception&) {
+        return "Could not save your password to the keyring.";
+    }
+    setTouchIDEnabled(useFingerprint);
+    needsSetup_ = false;
+    emit needsSetupChanged();
+    return std::nullopt;
+}
+
+}  // namespace corvane::app
