@@ -3,8 +3,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <QCoreApplication>
 #include <cstdlib>
+#include <filesystem>
 #include <sstream>
 #include <system_error>
 
@@ -29,10 +29,10 @@ bool isExecutableFile(const std::string& path) {
 // The command-line program that installs the menu: the one shipped beside this program, else
 // the first on PATH.
 std::optional<std::string> corvaneProgram() {
-    if (QCoreApplication::instance()) {
-        auto beside = QCoreApplication::applicationDirPath().toStdString() + "/corvane";
-        if (isExecutableFile(beside)) return beside;
-    }
+    std::error_code error;
+    auto self = std::filesystem::read_symlink("/proc/self/exe", error);
+    if (!error && isExecutableFile(self.parent_path() / "corvane"))
+        return self.parent_path() / "corvane";
     const char* path = std::getenv("PATH");
     std::istringstream folders(path ? path : "");
     for (std::string folder; std::getline(folders, folder, ':');)

@@ -269,35 +269,31 @@ TEST(SystemChecksTest, MenuCommandsRunCorvaneIntegrateAndReportItsFirstLine) {
 
 TEST(SystemChecksTest, MenuCountsAsEnabledWhenAnExtensionFileIsInstalled) {
     struct {
-        std::optional<std::string> dataHome;  // none: the default under HOME
-        std::string installed;                // relative to the data folder; "" for nothing
+        const char* variable;  // XDG_DATA_HOME: none, under the home folder, or as it is
+        bool underHome;
+        std::string installed;  // under the home folder
         bool folder;
         bool enabled;
     } cases[] = {
-        {"data", "", false, false},
-        {"data", "nautilus-python/extensions/corvane.py", false, true},
-        {"data", "nemo/actions/corvane-lock.nemo_action", false, true},
-        {"data", "nautilus-python/extensions/corvane.py", true, false},
-        {std::nullopt, "nemo/actions/corvane-lock.nemo_action", false, true},
-        {"relative", "nemo/actions/corvane-lock.nemo_action", false, false},
+        {"data", true, "", false, false},
+        {"data", true, "data/nautilus-python/extensions/corvane.py", false, true},
+        {"data", true, "data/nemo/actions/corvane-lock.nemo_action", false, true},
+        {"data", true, "data/nautilus-python/extensions/corvane.py", true, false},
+        {nullptr, false, ".local/share/nemo/actions/corvane-lock.nemo_action", false, true},
+        // A relative value is ignored by the XDG rules.
+        {"data", false, "data/nemo/actions/corvane-lock.nemo_action", false, false},
     };
     for (const auto& each : cases) {
         TempDir home;
         ScopedVariable homeVariable("HOME", home.path());
-        auto data = each.dataHome && each.dataHome != "relative" ? home / *each.dataHome
-                                                                 : home / ".local/share";
-        ScopedVariable dataVariable("XDG_DATA_HOME", each.dataHome == "relative"
-                                                         ? std::optional<std::string>("relative")
-                                                     : each.dataHome ? std::optional(data)
-                                                                     : std::nullopt);
-        // A relative XDG_DATA_HOME is ignored: the file is put where it points, not found.
-        auto target = each.dataHome == "relative" ? home / "relative" : data;
-        if (!each.installed.empty()) {
-            if (each.folder)
-                std::filesystem::create_directories(target + "/" + each.installed);
-            else
-                writeFile(target + "/" + each.installed, "# menu\n");
-        }
+        ScopedVariable data(
+            "XDG_DATA_HOME",
+            each.variable ? std::optional(each.underHome ? home / each.variable : each.variable)
+                          : std::nullopt);
+        if (each.folder)
+            std::filesystem::create_directories(home / each.installed);
+        else if (!each.installed.empty())
+            writeFile(home / each.installed, "# menu\n");
         EXPECT_EQ(SystemChecks::fileManagerMenuEnabled(), each.enabled) << each.installed;
     }
 }
