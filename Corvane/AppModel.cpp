@@ -98,8 +98,10 @@ AppModel::AppModel(Services services, Configuration configuration, QObject* pare
       touchIDEnabled_(settings_.touchIDEnabled()) {}
 
 AppModel::~AppModel() {
-    // The worker finishes what it runs before the engine and the support lock go.
+    // The worker finishes what it runs before the engine and the support lock go; operations
+    // still waiting for it or for the user end with it.
     worker_.reset();
+    destroySpawned();
     locker_.reset();
     supportLock_.reset();
 }
@@ -291,7 +293,7 @@ Task<> AppModel::lock(std::string path) {
         std::exception_ptr failure;
         if (secret) {
             try {
-                co_await worker_->run([&, cancel] {
+                co_await worker_->run([&] {
                     locker_->lock(path, secret->password, secret->generation, cancel.get(),
                                   progressReporter(name, onCancel), bytesReporter());
                 });
@@ -363,7 +365,10 @@ Task<std::optional<std::string>> AppModel::verifiedPassword(std::string reason) 
             }
             void await_resume() const noexcept {}
         };
-        if (reader_.available()) co_await Check{this, stop, verified, reason};
+        if (reader_.available()) {
+            Check check{this, stop, verified, reason};
+            co_await check;
+        }
         if (verified) co_return secret->password;
     }
 

@@ -169,9 +169,9 @@ private:
     bool changingPassword_ = false;
     std::vector<CorvaneCommand> pending_;
     Activity activity_;
-    WaitList readyWaiters_;
-    WaitList idleWaiters_;
-    WaitList passwordWaiters_;
+    WaitList readyWaiters_{this};
+    WaitList idleWaiters_{this};
+    WaitList passwordWaiters_{this};
 };
 
 }  // namespace corvane::app

@@ -8,6 +8,7 @@
 #include <coroutine>
 #include <exception>
 #include <optional>
+#include <set>
 #include <utility>
 
 namespace corvane::app {
@@ -103,9 +104,21 @@ inline Task<void> Promise<void>::get_return_object() {
     return Task<void>(std::coroutine_handle<Promise<void>>::from_promise(*this));
 }
 
+// Spawned tasks still running, so that they can be ended when what they wait for goes away.
+inline std::set<std::coroutine_handle<>>& spawned() {
+    static std::set<std::coroutine_handle<>> tasks;
+    return tasks;
+}
+
 // Runs at once and frees itself at the end; nobody awaits it.
 struct Detached {
     struct promise_type {
+        promise_type() {
+            spawned().insert(std::coroutine_handle<promise_type>::from_promise(*this));
+        }
+        ~promise_type() {
+            spawned().erase(std::coroutine_handle<promise_type>::from_promise(*this));
+        }
         Detached get_return_object() noexcept { return {}; }
         std::suspend_never initial_suspend() noexcept { return {}; }
         std::suspend_never final_suspend() noexcept { return {}; }
@@ -129,6 +142,13 @@ void spawn(Task<T> task) {
             qWarning("corvane: unexpected failure");
         }
     }(std::move(task));
+}
+
+// Destroys every spawned task that is still suspended, with the tasks it awaits and their locals.
+// Only for shutdown, once nothing is left that could resume them.
+inline void destroySpawned() {
+    auto suspended = std::exchange(detail::spawned(), {});
+    for (auto task : suspended) task.destroy();
 }
 
 }  // namespace corvane::app

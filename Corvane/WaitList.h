@@ -3,8 +3,8 @@
 // Main thread only.
 #pragma once
 
-#include <QCoreApplication>
 #include <QMetaObject>
+#include <QObject>
 #include <coroutine>
 #include <vector>
 
@@ -12,6 +12,9 @@ namespace corvane::app {
 
 class WaitList {
 public:
+    // Resumptions go through `context`'s event queue, and are dropped when it is destroyed.
+    explicit WaitList(QObject* context) : context_(context) {}
+
     // co_await list.wait(): suspends until the next resumeAll().
     auto wait() {
         struct Awaiter {
@@ -30,13 +33,13 @@ public:
         waiting.swap(waiting_);
         for (auto awaiting : waiting)
             QMetaObject::invokeMethod(
-                QCoreApplication::instance(), [awaiting] { awaiting.resume(); },
-                Qt::QueuedConnection);
+                context_, [awaiting] { awaiting.resume(); }, Qt::QueuedConnection);
     }
 
     std::size_t size() const { return waiting_.size(); }
 
 private:
+    QObject* context_;
     std::vector<std::coroutine_handle<>> waiting_;
 };
 

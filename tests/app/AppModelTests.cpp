@@ -1,0 +1,344 @@
+#include <sys/wait.h>
+
+#include <filesystem>
+
+#include "AppDelegate.h"
+#include "AppModelFixture.h"
+#include "Records/PasswordRules.h"
+#include "Records/Paths.h"
+#include "Records/SharedState.h"
+#include "Records/SupportLock.h"
+
+namespace corvane::testing {
+
+namespace {
+
+using Kind = CorvaneCommand::Kind;
+
+// Every entry below `path` with its contents, so that a change anywhere shows.
+std::vector<std::string> tree(const std::string& path) {
+    std::vector<std::string> entries;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(path))
+        entries.push_back(entry.path().string() + ":" +
+                          (entry.is_regular_file() ? readFile(entry.path()) : "-"));
+    std::sort(entries.begin(), entries.end());
+    return entries;
+}
+
+// A process holding `path` open until it is killed.
+struct Holder {
+    pid_t pid;
+    explicit Holder(const std::string& path) {
+        pid = fork();
+        if (pid == 0) {
+            execl("/bin/sh", "sh", "-c", "exec 3<\"$0\"; exec sleep 600", path.c_str(), nullptr);
+            _exit(127);
+        }
+        usleep(300'000);
+    }
+    ~Holder() { release(); }
+    void release() {
+        if (pid <= 0) return;
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+        pid = -1;
+    }
+};
+
+}  // namespace
+
+TEST_F(AppModelTest, CommandsThatArriveDuringStartUpRunAfterRecoveryInArrivalOrder) {
+    // A lock that crashed halfway leaves work for recovery.
+    std::string crashed = folder("Crashed");
+    {
+        Locker locker(root / "Support", root / "Home", std::nullopt,
+                      std::make_shared<GocryptfsTool>());
+        locker.crashPoint = CrashPoint::lockAfterCopy;
+        EXPECT_THROW(locker.lock(crashed, "password 1", 1), SimulatedCrash);
+    }
+    std::string first = folder("First"), second = folder("Second");
+    model = std::make_unique<app::AppModel>(app::AppModel::Services{user, user, user, user},
+                                            configuration());
+    model->handle({Kind::lock, {first}});
+    model->handle({Kind::lock, {second}});
+    EXPECT_TRUE(user.log.empty());
+    ASSERT_TRUE(model->start());
+    EXPECT_FALSE(model->isReady());
+    settle();
+    ASSERT_TRUE(spinUntil([&] { return model->rows().size() == 2; }));
+
+    std::vector<std::string> progress = user.entries("progress: ");
+    std::vector<std::string> expected = {
+        "progress: Getting First ready…", "progress: Encrypting First…",
+        "progress: Checking every file in First…", "progress: Removing the unlocked original…",
+        "progress: Finishing up…",        "progress: Getting Second ready…"};
+    ASSERT_GE(progress.size(), expected.size());
+    EXPECT_EQ(std::vector(progress.begin(), progress.begin() + 6), expected);
+    ASSERT_FALSE(user.log.empty());
+    EXPECT_TRUE(user.log.front().starts_with("notify: ")) << user.log.front();
+    EXPECT_TRUE(model->requestArrived());
+    EXPECT_EQ(model->rows()[0].name, "First");
+    EXPECT_EQ(model->rows()[1].name, "Second");
+    EXPECT_TRUE(std::filesystem::exists(crashed + "/a.txt"));
+}
+
+TEST_F(AppModelTest, WaitersResumeOnceInOrderWhenTheLastOperationEnds) {
+    app::AppModel& app = started();
+    std::vector<int> resumed;
+    auto waiter = [](app::AppModel& app, std::vector<int>& resumed, int id) -> app::Task<> {
+        co_await app.waitUntilIdle();
+        resumed.push_back(id);
+    };
+    // Nothing runs: the wait is over before spawn returns.
+    app::spawn(waiter(app, resumed, 0));
+    EXPECT_EQ(resumed, std::vector<int>{0});
+
+    bool locked = false;
+    app::spawn([](app::AppModel& app, std::string path, bool& locked) -> app::Task<> {
+        co_await app.lock(path);
+        locked = true;
+    }(app, folder("Busy"), locked));
+    ASSERT_FALSE(app.activity().isIdle());
+    app::spawn(waiter(app, resumed, 1));
+    app::spawn(waiter(app, resumed, 2));
+    ASSERT_TRUE(spinUntil([&] { return resumed.size() == 3; }));
+    EXPECT_EQ(resumed, (std::vector<int>{0, 1, 2}));
+    EXPECT_TRUE(app.activity().isIdle());
+    spinUntil([&] { return locked; });
+    QCoreApplication::processEvents();
+    EXPECT_EQ(resumed.size(), 3u);
+}
+
+TEST_F(AppModelTest, UnlockTriesEarlierPasswordsBeforeAskingForTheItemsOwn) {
+    app::AppModel& app = started();
+    await(app.lock(folder("Old")));
+    ASSERT_EQ(app.rows().size(), 1u);
+    std::string locked = *app.rows()[0].url;
+
+    struct Case {
+        const char* name;
+        StoredSecret record;
+        std::deque<std::optional<std::string>> typed;
+        std::vector<std::string> prompts;
+        bool opens;
+    };
+    StoredSecret changed = StoredSecret{"password 1", 1, std::nullopt, {}}.changing("password 2");
+    std::string mine = "password: Enter your Corvane password | Corvane needs your password to "
+                       "unlock Old";
+    std::string differs =
+        "password: This item uses a different password | Enter the password it was locked with.";
+    std::vector<Case> cases = {
+        {"the earlier password is still kept", changed, {"password 2"}, {mine}, true},
+        {"only the user knows it",
+         {"password 3", 3, std::nullopt, {}},
+         {"wrong", "password 3", "wrong again", "password 1"},
+         {mine, "password: Enter your Corvane password | That password did not work. Try again.",
+          differs, differs},
+         true},
+        {"the user gives up", {"password 3", 3, std::nullopt, {}}, {"password 3", std::nullopt},
+         {mine, differs}, false},
+    };
+    for (auto& test : cases) {
+        SCOPED_TRACE(test.name);
+        store.save(test.record);
+        user.log.clear();
+        user.passwords = test.typed;
+        await(app.unlock(locked));
+        EXPECT_EQ(user.entries("password: "), test.prompts);
+        EXPECT_TRUE(user.entries("choose: ").empty());
+        ASSERT_EQ(app.openItems().size(), test.opens ? 1u : 0u);
+        if (!test.opens) continue;
+        EXPECT_EQ(user.entries("open: "), std::vector{"open: " + app.openItems()[0].mountPoint});
+        EXPECT_EQ(readFile(app.openItems()[0].mountPoint + "/a.txt"), "alpha of Old");
+        auto state = SharedState::read(root / "Runtime/state.json");
+        ASSERT_TRUE(state);
+        EXPECT_EQ(state->unlockedPaths, std::vector{canonicalPath(locked)});
+        await(app.lockNow(locked));
+        EXPECT_TRUE(app.openItems().empty());
+        EXPECT_TRUE(SharedState::read(root / "Runtime/state.json")->unlockedPaths.empty());
+    }
+}
+
+TEST_F(AppModelTest, ForgetDeletesNothingAndLocateListsTheItemAgain) {
+    app::AppModel& app = started();
+    await(app.lock(folder("Kept")));
+    ASSERT_EQ(app.rows().size(), 1u);
+    app::ItemRow row = app.rows()[0];
+    std::string locked = *row.url;
+    auto before = tree(root / "Home");
+
+    user.buttons = {"Cancel"};
+    await(app.forget(row));
+    EXPECT_EQ(app.rows().size(), 1u);
+
+    // Moved away, the item cannot be found; locating it puts it back in its row.
+    std::string moved = root / "Kept.corvlock";
+    std::filesystem::rename(locked, moved);
+    await(app.refresh());
+    ASSERT_EQ(app.rows().size(), 1u);
+    EXPECT_FALSE(app.rows()[0].url);
+    user.log.clear();
+    user.lockedItem = root / "Home";  // not a locked item
+    user.buttons = {"OK"};
+    await(app.locate(app.rows()[0]));
+    EXPECT_EQ(user.entries("choose: "),
+              std::vector<std::string>{"choose: Could not find Kept | " +
+                                       CorvaneError::notLocked().errorDescription()});
+    user.lockedItem = moved;
+    await(app.locate(app.rows()[0]));
+    ASSERT_TRUE(app.rows()[0].url);
+    EXPECT_EQ(*app.rows()[0].url, moved);
+    EXPECT_EQ(app.rows()[0].id, row.id);
+    std::filesystem::rename(moved, locked);
+    await(app.refresh());
+
+    user.buttons = {"Forget"};
+    await(app.forget(app.rows()[0]));
+    EXPECT_TRUE(app.rows().empty());
+    EXPECT_EQ(tree(root / "Home"), before);
+}
+
+TEST_F(AppModelTest, QuitWithAFileInUseAsksAndKeepsTheItemOpen) {
+    app::AppModel& app = started();
+    app::AppDelegate delegate(app, user);
+    EXPECT_TRUE(await(delegate.shouldQuit()));  // nothing open, nothing runs
+
+    await(app.lock(folder("Report")));
+    std::string locked = *app.rows()[0].url;
+    user.passwords = {"password 1"};
+    await(app.unlock(locked));
+    ASSERT_EQ(app.openItems().size(), 1u);
+    std::string mount = app.openItems()[0].mountPoint;
+    Holder holder(mount + "/a.txt");
+
+    user.log.clear();
+    user.buttons = {"Cancel", "Cancel"};
+    EXPECT_FALSE(await(delegate.shouldQuit()));
+    std::vector<std::string> questions = user.entries("choose: ");
+    ASSERT_EQ(questions.size(), 2u);
+    EXPECT_TRUE(questions[0].starts_with("choose: Report is still in use | Files are open in "))
+        << questions[0];
+    EXPECT_TRUE(questions[0].ends_with(
+        ". Close them, then try again. Force Lock closes them without saving, so unsaved "
+        "changes in open apps will be lost."));
+    EXPECT_EQ(questions[1],
+              "choose: Some items are still unlocked | They stay unlocked until you lock them "
+              "or restart your computer.");
+    EXPECT_EQ(app.openItems().size(), 1u);
+    EXPECT_EQ(readFile(mount + "/a.txt"), "alpha of Report");
+
+    // "Try Again" once the file is closed locks it, and quitting needs nothing more.
+    user.buttons = {"Try Again"};
+    user.whenAsked = [&] { holder.release(); };
+    await(app.lockNow(locked));
+    EXPECT_TRUE(app.openItems().empty());
+    EXPECT_TRUE(await(delegate.shouldQuit()));
+}
+
+TEST_F(AppModelTest, PasswordChangeRefusalsComeBeforeAnythingIsSaved) {
+    app::AppModel& app = started();
+    await(app.lock(folder("Moved")));
+    struct Case {
+        const char* current;
+        const char* next;
+        std::optional<std::string> answer;
+    };
+    std::vector<Case> refusals = {
+        {"password 1", "short", PasswordRules::problem("short")},
+        {"not it", "password 2", "Your current password is not correct."},
+    };
+    for (const auto& test : refusals) {
+        SCOPED_TRACE(test.current);
+        EXPECT_EQ(await(app.changePassword(test.current, test.next)), test.answer);
+        EXPECT_EQ(store.load()->generation, 1);
+    }
+    // While something runs, the change waits for nothing: it is refused.
+    app::spawn([](app::AppModel& app, std::string path) -> app::Task<> {
+        co_await app.lock(path);
+    }(app, folder("Busy")));
+    auto refusal = await(app.changePassword("password 1", "password 2"));
+    EXPECT_EQ(refusal, app.activity().passwordChangeRefusal());
+    ASSERT_TRUE(refusal);
+    ASSERT_TRUE(spinUntil([&] { return app.activity().isIdle(); }));
+
+    EXPECT_EQ(await(app.changePassword("password 1", "password 2")), std::nullopt);
+    EXPECT_FALSE(app.changingPassword());
+    StoredSecret now = *store.load();
+    EXPECT_EQ(now.password, "password 2");
+    EXPECT_EQ(now.generation, 2);
+    EXPECT_FALSE(now.previous);
+    for (const auto& row : app.rows()) EXPECT_FALSE(row.needsPasswordUpdate) << row.name;
+    user.passwords = {"password 2"};
+    await(app.unlock(*app.rows()[0].url));
+    EXPECT_EQ(app.openItems().size(), 1u);
+    EXPECT_TRUE(user.entries("password: This item").empty());
+}
+
+TEST_F(AppModelTest, RemoveLockAsksFirstAndRestoresTheFiles) {
+    app::AppModel& app = started();
+    std::string original = folder("Papers");
+    auto before = tree(original);
+    await(app.lock(original));
+    std::string locked = *app.rows()[0].url;
+
+    user.buttons = {"Cancel"};
+    await(app.removeLock(locked));
+    EXPECT_TRUE(std::filesystem::exists(locked));
+    EXPECT_TRUE(user.entries("password: ").empty());
+
+    user.log.clear();
+    user.buttons = {"Remove Lock"};
+    user.passwords = {"password 1"};
+    await(app.removeLock(locked));
+    EXPECT_EQ(user.entries("choose: "),
+              std::vector<std::string>{"choose: Remove the lock from Papers? | Papers turns back "
+                                       "into normal files that anyone using this computer can "
+                                       "open."});
+    EXPECT_EQ(user.entries("progress: ").front(), "progress: Removing the lock from Papers");
+    EXPECT_EQ(user.log.back(), "progress closed");
+    EXPECT_FALSE(std::filesystem::exists(locked));
+    EXPECT_EQ(tree(original), before);
+    EXPECT_TRUE(app.rows().empty());
+}
+
+TEST_F(AppModelTest, AFailedLockShowsOnePromptAndCancelLeavesTheItem) {
+    app::AppModel& app = started();
+    std::string original = folder("Draft");
+    auto before = tree(original);
+    // Cancelled from the progress window as soon as it shows.
+    user.buttons = {"OK"};
+    app::spawn([](app::AppModel& app, std::string path) -> app::Task<> {
+        co_await app.lock(path);
+    }(app, original));
+    ASSERT_TRUE(user.onCancel);
+    user.onCancel();
+    ASSERT_TRUE(spinUntil([&] { return app.activity().isIdle(); }));
+    EXPECT_EQ(user.entries("choose: "),
+              std::vector<std::string>{"choose: Could not lock Draft | " +
+                                       CorvaneError::cancelled().errorDescription()});
+    EXPECT_EQ(tree(original), before);
+    EXPECT_TRUE(app.rows().empty());
+}
+
+TEST_F(AppModelTest, StartUpNeedsTheSupportLockAndSetupTheRecord) {
+    {
+        auto other = SupportLock::acquire(root / "Support");
+        ASSERT_TRUE(other);
+        app::AppModel second(app::AppModel::Services{user, user, user, user}, configuration());
+        EXPECT_FALSE(second.start());
+        QCoreApplication::processEvents();
+        EXPECT_TRUE(user.log.empty());
+        EXPECT_FALSE(second.isReady());
+    }
+    service += ":none";
+    store = PasswordStore(service);
+    app::AppModel& app = started();
+    EXPECT_TRUE(app.needsSetup());
+    EXPECT_EQ(app.finishSetup("password 9", false), std::nullopt);
+    EXPECT_FALSE(app.needsSetup());
+    EXPECT_EQ(store.load()->password, "password 9");
+    EXPECT_EQ(store.load()->generation, 1);
+    EXPECT_FALSE(UserSettings(root / "settings.json").touchIDEnabled());
+}
+
+}  // namespace corvane::testing
