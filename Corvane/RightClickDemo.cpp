@@ -43,11 +43,11 @@ void RightClickDemo::paintEvent(QPaintEvent*) {
     painter.drawText(QRectF(10, 96, 86, 20), Qt::AlignCenter, QStringLiteral("Taxes.pdf"));
 
     // The pointer travels onto the file, then stays while the menu is open.
-    QPointF tip = frame_ == 0 ? QPointF(20, 120) : QPointF(58, 64);
+    QPointF tip = frame_ == 0 ? QPointF(20, 120) : QPointF(72, 62);
     QPolygonF arrow({tip, tip + QPointF(0, 17), tip + QPointF(4.5, 13), tip + QPointF(8, 20),
                      tip + QPointF(10.5, 19), tip + QPointF(7, 12), tip + QPointF(12.5, 12)});
     if (frame_ > 0) {
-        QRectF menu(tip.x() + 14, tip.y() - 40, 170, 104);
+        QRectF menu(tip.x() + 16, tip.y() - 40, 170, 104);
         painter.setPen(QPen(colors.color(QPalette::Mid), 1));
         painter.setBrush(colors.color(QPalette::Window));
         painter.drawRoundedRect(menu, 5, 5);

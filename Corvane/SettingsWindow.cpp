@@ -19,6 +19,7 @@ SettingsWindow::SettingsWindow(Seams seams, QWidget* parent)
       fileManagerMenu_(new QCheckBox(QStringLiteral("File manager menu"))),
       error_(new QLabel) {
     setWindowTitle(QStringLiteral("Corvane Settings"));
+    setMinimumWidth(360);
     for (int minutes : IdlePolicy::choices) idle_->addItem(idleChoiceName(minutes), minutes);
     auto* changePassword = new QPushButton(QStringLiteral("Change Password…"));
     error_->setTextFormat(Qt::PlainText);

@@ -9,6 +9,7 @@
 #include <QDir>
 #include <QFileDialog>
 #include <QFileSystemModel>
+#include <QLabel>
 #include <QLineEdit>
 #include <QListView>
 #include <QTemporaryDir>
@@ -51,15 +52,20 @@ TEST(PromptPanelTest, ChooseGivesTheClickedButtonsIndexAndTheLastOnClose) {
     for (const Case& c : cases) {
         SCOPED_TRACE(c.click ? c.click : "closed");
         QString title;
+        bool markupShown = false;
         whenModal([&](QWidget* box) {
             title = box->windowTitle();
+            for (auto* label : box->findChildren<QLabel*>())
+                markupShown |=
+                    label->text().contains("<b>") && label->textFormat() == Qt::PlainText;
             if (c.click)
                 buttonNamed(box, c.click)->click();
             else
                 box->close();
         });
-        EXPECT_EQ(panel.choose("Relock <b>Photos</b>?", "It is in use.", buttons), c.index);
+        EXPECT_EQ(panel.choose("Relock Photos?", "<b>Photos</b> is in use.", buttons), c.index);
         EXPECT_EQ(title, "Corvane");
+        EXPECT_TRUE(markupShown);
     }
 }
 
@@ -223,7 +229,7 @@ TEST(ChangePasswordDialogTest, MatchesLocallyThenWaitsForTheModel) {
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.confirmation);
-        WaitList model;
+        WaitList model(QCoreApplication::instance());
         int calls = 0;
         std::pair<std::string, std::string> passed;
         ChangePasswordDialog dialog(

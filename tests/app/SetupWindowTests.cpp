@@ -127,11 +127,6 @@ TEST(SetupWindowTest, StepsMoveOverTheFingerprintStepOnlyWithoutAReader) {
         setup.window.move(c.by);
         EXPECT_EQ(setup.window.step(), c.to);
     }
-    // The primary button takes the same way round on the password step.
-    Harness setup(false);
-    setup.passPassword();
-    EXPECT_EQ(setup.window.step(), SetupWindow::fileManager);
-    EXPECT_TRUE(setup.window.error().isEmpty());
 }
 
 TEST(SetupWindowTest, SavesOnlyAtTheLastButtonWithTheFingerprintChoice) {
