@@ -162,9 +162,11 @@ private:
         if (crashPoint == point) throw SimulatedCrash();
     }
     // cp -a through the runner; `folder` is the descriptor-held folder `source` is anchored in,
-    // named by its path in a failure's report.
+    // named by its path in a failure's report. `written` hears, a few times a second, each new
+    // highest count of bytes cp has written.
     void copy(const std::string& source, const std::string& destination, const CancelToken* cancel,
-              const Folder& folder) const;
+              const Folder& folder,
+              const std::function<void(std::int64_t written)>& written = nullptr) const;
     // Undoes a failed operation before its result was visible: the image is closed by force, the
     // mount point and the work in progress (`work` in `folder`) removed, and the journal entry
     // dropped only when all of that worked, so that recovery finds what is left. The caller

@@ -18,6 +18,7 @@
 #include "FileSystem/ItemFacts.h"
 #include "FileSystem/MountTable.h"
 #include "FileSystem/OpenFiles.h"
+#include "FileSystem/ProcessIO.h"
 #include "FileSystem/ProcessRunner.h"
 #include "FileSystem/ThumbnailScrubber.h"
 #include "FileSystem/TreeVerifier.h"
@@ -130,13 +131,22 @@ void writeEmptyFile(const std::string& path) {
 }  // namespace
 
 void Locker::copy(const std::string& source, const std::string& destination,
-                  const CancelToken* cancel, const Folder& folder) const {
+                  const CancelToken* cancel, const Folder& folder,
+                  const std::function<void(std::int64_t written)>& written) const {
     struct stat status {};
     bool isFolder = lstat(source.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
     // A folder's contents go into the destination folder itself; a file becomes the destination.
     std::vector<std::string> arguments{"-a", "--", isFolder ? source + "/." : source, destination};
+    // cp's own count of the bytes it has written, read while it runs.
+    std::int64_t most = 0;
+    ProcessRunner::Watch watch;
+    if (written)
+        watch = [&](pid_t child) {
+            if (auto count = ProcessIO::bytesWritten(child); count && *count > most)
+                written(most = *count);
+        };
     ProcessResult result =
-        ProcessRunner::run("/bin/cp", arguments, std::nullopt, std::nullopt, cancel);
+        ProcessRunner::run("/bin/cp", arguments, std::nullopt, std::nullopt, cancel, watch);
     if (result.status == 0) return;
     // cp names the paths it was given; the user knows the folder by its own path.
     std::string report = result.output;
@@ -149,11 +159,17 @@ void Locker::copy(const std::string& source, const std::string& destination,
 
 LockedItem Locker::lock(const std::string& path, const std::string& password,
                         std::int64_t generation, const CancelToken* cancel,
-                        const Progress& progress, const BytesProgress& /*bytes*/) {
+                        const Progress& progress, const BytesProgress& bytes) {
     requireUsablePassword(password);
     const std::string item = itemPath(path);
     auto report = [&](LockStep step) {
         if (progress) progress(step);
+    };
+    // The bytes of the item's files copied, then checked; nothing when their size is unknown.
+    std::int64_t contentSize = 0;
+    auto reportBytes = [&](std::int64_t done) {
+        if (bytes && contentSize > 0)
+            bytes(std::clamp<std::int64_t>(done, 0, contentSize), contentSize);
     };
 
     // Checks: nothing on disk changes until the journal has the entry.
@@ -226,7 +242,6 @@ LockedItem Locker::lock(const std::string& path, const std::string& password,
                        std::nullopt, std::nullopt};
     journal.add(entry);
 
-    std::int64_t contentSize = 0;
     Snapshot before;
     try {
         contentSize = ItemFacts::logicalSize(source);
@@ -245,7 +260,8 @@ LockedItem Locker::lock(const std::string& path, const std::string& password,
         if (kind == LockedItem::Kind::folder) marker.mode = itemStatus.st_mode & 07777;
         marker.write(mountPoint);
         prepareClosedFolders(mountPoint, closedFolders);
-        copy(source, copyTarget, cancel, parent);
+        copy(source, copyTarget, cancel, parent, reportBytes);
+        reportBytes(contentSize);  // cp skips holes, and a link's target is no write
         crashIf(CrashPoint::lockAfterCopy);
 
         // The image's own folder would keep the item's mode and let others list its encrypted
@@ -258,14 +274,16 @@ LockedItem Locker::lock(const std::string& path, const std::string& password,
         report(LockStep::verifying);
         makeMountPoint(mountPoint);
         tool->attach(partialURL, mountPoint, password, true);
+        // The bytes checked are those hashed on each side, so the total is the item's size again.
         auto mismatches =
             TreeVerifier::compare(source, copyTarget,
                                   kind == LockedItem::Kind::folder ? VolumeLayout::housekeeping()
                                                                    : std::set<std::string>{},
-                                  cancel);
+                                  cancel, reportBytes);
         tool->detach(mountPoint, false);
         rmdir(mountPoint.c_str());
         if (!mismatches.empty()) throw CorvaneError::verificationFailed(mismatches);
+        reportBytes(contentSize);
         crashIf(CrashPoint::lockAfterVerify);
 
         if (afterVerify) afterVerify();

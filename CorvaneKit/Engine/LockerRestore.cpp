@@ -18,6 +18,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <filesystem>
 
 #include "Engine/Locker.h"
@@ -106,7 +107,7 @@ std::string Locker::restoreDestination(const std::string& name, const std::strin
 
 std::string Locker::removeLock(const std::string& path, const std::string& password,
                                const CancelToken* cancel, const Progress& progress,
-                               const BytesProgress& /*bytes*/) {
+                               const BytesProgress& bytes) {
     auto report = [&](LockStep step) {
         if (progress) progress(step);
     };
@@ -146,24 +147,35 @@ std::string Locker::removeLock(const std::string& path, const std::string& passw
         if (auto available = availableSpace(parentPath); available && *available < needed)
             throw CorvaneError::notEnoughSpace(needed, *available);
 
+        // One step copies, then checks: its total is the size of the item's files twice, the
+        // bytes copied and then those hashed on each side. Nothing when the size is unknown.
+        const std::int64_t size = bytes ? contentLogicalSize(mountPoint, kind, name) : 0;
+        auto reportBytes = [&](std::int64_t done) {
+            if (size > 0 && size <= INT64_MAX / 2)
+                bytes(std::clamp<std::int64_t>(done, 0, 2 * size), 2 * size);
+        };
+        auto copied = [&](std::int64_t written) { reportBytes(std::min(written, size)); };
+
         report(LockStep::restoring);
         if (isFolder) {
             // Private until it is checked and has its name; cp gives it the item's own owner,
             // times and extended attributes.
             if (mkdirat(parent.descriptor(), stagingName.c_str(), 0700) != 0)
                 throw std::system_error(errno, std::generic_category(), entry.partialPath);
-            copy(content, staging, cancel, parent);
+            copy(content, staging, cancel, parent, copied);
             takeTopFolderAttributes(parent, stagingName, mountPoint, marker);
         } else {
-            copy(content, staging, cancel, parent);
+            copy(content, staging, cancel, parent, copied);
         }
+        reportBytes(size);  // cp skips holes, and a link's target is no write
         if (afterRestoreCopy) afterRestoreCopy(staging);
         crashIf(CrashPoint::restoreAfterCopy);
 
         auto mismatches = TreeVerifier::compare(
             content, staging, isFolder ? VolumeLayout::housekeeping() : std::set<std::string>{},
-            cancel);
+            cancel, [&](std::int64_t hashed) { reportBytes(size + std::min(hashed, size)); });
         if (!mismatches.empty()) throw CorvaneError::restoreVerificationFailed(mismatches);
+        reportBytes(2 * size);
 
         destination = restoreDestination(name, parentPath);
         entry.finalPath = destination;

@@ -151,7 +151,7 @@ std::string ProcessRunner::joinedInput(std::initializer_list<std::string_view> p
 ProcessResult ProcessRunner::run(const std::string& executablePath,
                                  const std::vector<std::string>& arguments,
                                  std::optional<std::string> input, std::optional<double> timeout,
-                                 const CancelToken* cancel) {
+                                 const CancelToken* cancel, const Watch& watch) {
     // Whatever the child was given is not left in memory that is reused later.
     struct Wipe {
         std::optional<std::string>& text;
@@ -191,6 +191,7 @@ ProcessResult ProcessRunner::run(const std::string& executablePath,
 
     bool timedOut = false;
     int status = 0;
+    Clock::time_point nextWatch = Clock::now() + watchInterval;
     for (;;) {
         pid_t done = waitpid(child, &status, WNOHANG);
         if (done == child || (done < 0 && errno != EINTR)) break;
@@ -204,6 +205,17 @@ ProcessResult ProcessRunner::run(const std::string& executablePath,
             timedOut = true;
             status = waitForExit(child);
             break;
+        }
+        if (watch && Clock::now() >= nextWatch) {
+            try {
+                watch(child);
+            } catch (...) {
+                kill(child, SIGTERM);
+                waitForExit(child);
+                buffer.finish();
+                throw;
+            }
+            nextWatch = Clock::now() + watchInterval;
         }
         std::this_thread::sleep_for(kPollInterval);
     }

@@ -3,6 +3,10 @@
 // calling thread until the child has exited; never call it on a GUI thread.
 #pragma once
 
+#include <sys/types.h>
+
+#include <chrono>
+#include <functional>
 #include <initializer_list>
 #include <optional>
 #include <string>
@@ -15,6 +19,12 @@
 namespace corvane {
 
 struct ProcessRunner {
+    // Called with the child's process id on the calling thread, every `watchInterval` while the
+    // child runs; the child is not reaped before the call returns, so the id cannot name another
+    // process meanwhile. What it throws ends the child (SIGTERM) and then the run.
+    using Watch = std::function<void(pid_t child)>;
+    static constexpr std::chrono::milliseconds watchInterval{200};
+
     // Throws std::system_error when the child cannot be started, and CorvaneError::cancelled()
     // (after the child has exited) when `cancel` was cancelled. A non-zero status is no error here:
     // the caller says what it means. A child that ignores SIGTERM keeps the call waiting.
@@ -23,7 +33,7 @@ struct ProcessRunner {
                              const std::vector<std::string>& arguments,
                              std::optional<std::string> input = std::nullopt,
                              std::optional<double> timeout = std::nullopt,
-                             const CancelToken* cancel = nullptr);
+                             const CancelToken* cancel = nullptr, const Watch& watch = nullptr);
 
     // `parts`, each followed by `terminator`, built in one allocation so that no partial copy of
     // a password is left behind in freed memory. Give it to run() with std::move.

@@ -3,8 +3,10 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <exception>
 #include <future>
 #include <memory>
@@ -82,10 +84,15 @@ private:
     int fd_;
 };
 
+// Bytes of file content read so far, added to by every thread hashing one tree.
+using HashedCount = std::atomic<std::int64_t>;
+
 // The SHA-256 of the regular file at `path`, shown as `shownAs` in errors. The file may have been
 // swapped since its status was read: a link is not followed, a FIFO is not waited on, and
-// anything but a regular file (or another file than `seen`, when given) is not read.
-std::string digestOf(const std::string& path, const std::string& shownAs, const struct stat* seen) {
+// anything but a regular file (or another file than `seen`, when given) is not read. Each piece
+// read is counted in `hashed`, when given.
+std::string digestOf(const std::string& path, const std::string& shownAs, const struct stat* seen,
+                     HashedCount* hashed = nullptr) {
     int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY);
     if (fd < 0) throwErrno(path);
     Descriptor file(fd);
@@ -105,6 +112,7 @@ std::string digestOf(const std::string& path, const std::string& shownAs, const 
         if (n < 0) throwErrno(path);
         if (n == 0) break;
         EVP_DigestUpdate(context.get(), buffer.get(), static_cast<std::size_t>(n));
+        if (hashed) hashed->fetch_add(n, std::memory_order_relaxed);
     }
     unsigned char sum[EVP_MAX_MD_SIZE];
     unsigned int length = 0;
@@ -129,7 +137,7 @@ struct Step {
 // Fills in the digests of the files among `steps` on several threads. Returns the error that a
 // one-by-one reading would have met first: the earliest failing step.
 std::exception_ptr hashFiles(const std::string& root, std::vector<Step>& steps,
-                             const CancelToken* cancel) {
+                             const CancelToken* cancel, HashedCount* hashed) {
     std::vector<std::size_t> files;
     for (std::size_t i = 0; i < steps.size(); ++i)
         if (!steps[i].error && steps[i].entry.kind == TreeVerifier::Entry::Kind::file)
@@ -143,7 +151,7 @@ std::exception_ptr hashFiles(const std::string& root, std::vector<Step>& steps,
             try {
                 if (cancel) cancel->check();
                 step.entry.text =
-                    digestOf(root + "/" + step.relativePath, step.relativePath, &step.seen);
+                    digestOf(root + "/" + step.relativePath, step.relativePath, &step.seen, hashed);
             } catch (...) {
                 step.error = std::current_exception();
                 stop = true;  // nothing after the first failure can matter
@@ -163,26 +171,22 @@ std::exception_ptr hashFiles(const std::string& root, std::vector<Step>& steps,
     return nullptr;
 }
 
-}  // namespace
-
-std::string TreeVerifier::digest(const std::string& path) {
-    return digestOf(path, lastPathComponent(path), nullptr);
-}
-
-TreeVerifier::Entry TreeVerifier::entry(const std::string& path) {
+// TreeVerifier::entry, counting the bytes hashed in `hashed` when given.
+TreeVerifier::Entry entryOf(const std::string& path, HashedCount* hashed) {
     struct stat status {};
     if (lstat(path.c_str(), &status) != 0) throwErrno(path);
-    Entry entry = entryWithoutDigest(path, status);
-    if (entry.kind == Entry::Kind::file)
-        entry.text = digestOf(path, lastPathComponent(path), &status);
+    TreeVerifier::Entry entry = entryWithoutDigest(path, status);
+    if (entry.kind == TreeVerifier::Entry::Kind::file)
+        entry.text = digestOf(path, lastPathComponent(path), &status, hashed);
     return entry;
 }
 
-TreeVerifier::Manifest TreeVerifier::manifest(const std::string& root,
-                                              const std::set<std::string>& ignoring,
-                                              const CancelToken* cancel) {
-    Entry top = entry(root);
-    if (top.kind != Entry::Kind::directory) return {{"", top}};
+// TreeVerifier::manifest, counting the bytes hashed in `hashed` when given.
+TreeVerifier::Manifest manifestOf(const std::string& root, const std::set<std::string>& ignoring,
+                                  const CancelToken* cancel, HashedCount* hashed) {
+    using Manifest = TreeVerifier::Manifest;
+    TreeVerifier::Entry top = entryOf(root, hashed);
+    if (top.kind != TreeVerifier::Entry::Kind::directory) return {{"", top}};
     if (access(root.c_str(), R_OK) != 0)
         throw CorvaneError::copyFailed(readFailure(lastPathComponent(root)));
 
@@ -213,7 +217,7 @@ TreeVerifier::Manifest TreeVerifier::manifest(const std::string& root,
         stoppedAt =
             std::make_exception_ptr(CorvaneError::copyFailed(readFailure(lastPathComponent(root))));
     }
-    if (auto failure = hashFiles(root, steps, cancel)) std::rethrow_exception(failure);
+    if (auto failure = hashFiles(root, steps, cancel, hashed)) std::rethrow_exception(failure);
     if (stoppedAt) std::rethrow_exception(stoppedAt);
 
     Manifest manifest;
@@ -221,17 +225,52 @@ TreeVerifier::Manifest TreeVerifier::manifest(const std::string& root,
     return manifest;
 }
 
+}  // namespace
+
+std::string TreeVerifier::digest(const std::string& path) {
+    return digestOf(path, lastPathComponent(path), nullptr);
+}
+
+TreeVerifier::Entry TreeVerifier::entry(const std::string& path) {
+    return entryOf(path, nullptr);
+}
+
+TreeVerifier::Manifest TreeVerifier::manifest(const std::string& root,
+                                              const std::set<std::string>& ignoring,
+                                              const CancelToken* cancel) {
+    return manifestOf(root, ignoring, cancel, nullptr);
+}
+
 std::vector<TreeMismatch> TreeVerifier::compare(const std::string& original,
                                                 const std::string& copy,
                                                 const std::set<std::string>& ignoringAtRoot,
-                                                const CancelToken* cancel) {
-    // Both trees are read at once (the copy usually through a slower file system); the
-    // original's failure is reported first, as if it had been read first.
-    auto copyManifest =
-        std::async(std::launch::async, [&] { return manifest(copy, ignoringAtRoot, cancel); });
+                                                const CancelToken* cancel, const Progress& hashed) {
+    // Both trees are read at once, each on its own thread (the copy usually through a slower file
+    // system), while this one reports; the original's failure is reported first, as if it had
+    // been read first. Leaving, even by an exception, waits for both (std::async's futures).
+    HashedCount originalHashed{0}, copyHashed{0};
+    auto copyManifest = std::async(std::launch::async, [&] {
+        return manifestOf(copy, ignoringAtRoot, cancel, hashed ? &copyHashed : nullptr);
+    });
+    auto originalManifest = std::async(std::launch::async, [&] {
+        return manifestOf(original, ignoringAtRoot, cancel, hashed ? &originalHashed : nullptr);
+    });
+    if (hashed) {
+        using Clock = std::chrono::steady_clock;
+        auto isReady = [](const std::future<Manifest>& manifest) {
+            return manifest.wait_for(Clock::duration::zero()) == std::future_status::ready;
+        };
+        auto next = Clock::now() + progressInterval;
+        while (!isReady(originalManifest) || !isReady(copyManifest)) {
+            auto& pending = isReady(originalManifest) ? copyManifest : originalManifest;
+            if (pending.wait_until(next) != std::future_status::timeout) continue;
+            hashed(std::min(originalHashed.load(), copyHashed.load()));
+            next = Clock::now() + progressInterval;
+        }
+    }
     Manifest before;
     try {
-        before = manifest(original, ignoringAtRoot, cancel);
+        before = originalManifest.get();
     } catch (...) {
         try {
             copyManifest.get();

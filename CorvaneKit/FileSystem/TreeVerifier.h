@@ -7,7 +7,9 @@
 
 #include <sys/stat.h>
 
+#include <chrono>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <set>
 #include <string>
@@ -40,11 +42,18 @@ struct TreeVerifier {
     // std::map keeps byte order, which is code-point order for UTF-8 names.
     using Manifest = std::map<std::string, Entry>;
 
+    // Bytes of file content hashed so far on each side: the lesser of the original's and the
+    // copy's counts, so that it reaches the size of the files only when both trees are read.
+    using Progress = std::function<void(std::int64_t hashed)>;
+    static constexpr std::chrono::milliseconds progressInterval{200};
+
     // Every difference, in path order; empty when the trees are equal. The original is read
-    // first, so its errors win.
+    // first, so its errors win. `hashed` is called on the calling thread every
+    // `progressInterval` while the trees are read, and not after compare returns.
     static std::vector<TreeMismatch> compare(const std::string& original, const std::string& copy,
                                              const std::set<std::string>& ignoringAtRoot,
-                                             const CancelToken* cancel = nullptr);
+                                             const CancelToken* cancel = nullptr,
+                                             const Progress& hashed = nullptr);
 
     // Throws CorvaneError::copyFailed("Could not read …") for anything the walk could not
     // examine or a file that is no longer the regular file the walk found when it is opened,
