@@ -147,6 +147,7 @@ std::optional<std::string> AutoStart::setEnabled(bool enabled, const std::string
                 return "Corvane cannot start at login from a folder whose name is not UTF-8 text.";
             std::string text =
                 "[Desktop Entry]\nType=Application\nName=Corvane\nExec=" + execValue(executable) +
+                " --background" +
                 "\nIcon=corvane\nX-GNOME-Autostart-enabled=true\nNoDisplay=false\n";
             JSONCodec::writeAtomically(text, path, 0644);
             return std::nullopt;

@@ -1,6 +1,105 @@
+// corvane-app: the tray application. One copy runs per user; a second one brings the first one's
+// window forward and ends. --self-test checks the shared state's folder and exits;
+// --background (used at login) starts without opening the item list.
 #include <QApplication>
+#include <QIcon>
+#include <cstring>
+#include <iostream>
+#include <memory>
+
+#include "AppDelegate.h"
+#include "AppModel.h"
+#include "AutoStart.h"
+#include "DBusNotifier.h"
+#include "InstanceChannel.h"
+#include "ItemListWindow.h"
+#include "ProgressWindow.h"
+#include "PromptPanel.h"
+#include "SelfTest.h"
+#include "SettingsWindow.h"
+#include "SetupWindow.h"
+#include "TrayIcon.h"
+#include "TrayIcons.h"
+#include "WindowSeams.h"
+#include "XdgDesktopShell.h"
+
+using namespace corvane::app;
+
+namespace {
+
+bool hasArgument(int argc, char** argv, const char* wanted) {
+    for (int i = 1; i < argc; ++i)
+        if (std::strcmp(argv[i], wanted) == 0) return true;
+    return false;
+}
+
+}  // namespace
 
 int main(int argc, char** argv) {
+    if (hasArgument(argc, argv, "--self-test")) return SelfTest::run(std::cout);
+
     QApplication application(argc, argv);
-    return 0;
+    QApplication::setApplicationName("Corvane");
+    QApplication::setDesktopFileName("corvane");
+    QApplication::setWindowIcon(QIcon(TrayIcons::applicationIcon()));
+    // The application lives in the tray; closing its windows does not end it.
+    QApplication::setQuitOnLastWindowClosed(false);
+
+    PromptPanel prompts;
+    DBusNotifier notifier;
+    ProgressWindow progress;
+    XdgDesktopShell shell;
+    AppModel model({prompts, notifier, progress, shell},
+                   AppModel::Configuration::fromEnvironment());
+    if (!model.start()) {
+        // Another copy owns the records: it shows its window instead, and this one ends quietly.
+        InstanceChannel::send("show\n", 2000);
+        return 0;
+    }
+    InstanceChannel channel;
+    channel.listen();
+    AppDelegate delegate(model, prompts);
+
+    ItemListWindow list;
+    list.connectToModel(model);
+    TrayIcon tray;
+    tray.connectToModel(model);
+    tray.show();
+    SettingsWindow settings(WindowSeams::settings(
+        model, [] { return AutoStart::isEnabled(); },
+        [](bool on) {
+            if (auto problem = AutoStart::setEnabled(on)) qWarning("corvane: %s", problem->c_str());
+        }));
+    std::unique_ptr<SetupWindow> setup;
+
+    auto showMain = [&] {
+        if (!model.needsSetup()) {
+            list.present();
+            return;
+        }
+        if (!setup) {
+            setup = std::make_unique<SetupWindow>(WindowSeams::setup(model));
+            QObject::connect(setup.get(), &SetupWindow::finished, &list, [&] {
+                setup->hide();
+                // Someone who set Corvane up wants it there after the next login too; the
+                // settings turn that off.
+                AutoStart::setEnabled(true);
+                list.present();
+            });
+        }
+        setup->show();
+        setup->raise();
+        setup->activateWindow();
+    };
+    QObject::connect(&channel, &InstanceChannel::showRequested, &list, showMain);
+    QObject::connect(&tray, &TrayIcon::showWindowRequested, &list, showMain);
+    QObject::connect(&tray, &TrayIcon::settingsRequested, &settings, [&] {
+        settings.show();
+        settings.raise();
+        settings.activateWindow();
+    });
+    QObject::connect(&tray, &TrayIcon::quitRequested, &delegate, &AppDelegate::requestQuit);
+
+    if (model.needsSetup() || !hasArgument(argc, argv, "--background")) showMain();
+    return application.exec();
 }

@@ -319,7 +319,7 @@ TEST(AutoStartTest, EntryStartsTheProgramWithItsNameQuotedAndIsRemovedAgain) {
         EXPECT_TRUE(AutoStart::isEnabled());
         auto text = readFile(AutoStart::entryPath());
         EXPECT_TRUE(text.starts_with("[Desktop Entry]\n")) << text;
-        EXPECT_NE(text.find("\n" + each.exec + "\n"), std::string::npos) << text;
+        EXPECT_NE(text.find("\n" + each.exec + " --background\n"), std::string::npos) << text;
         EXPECT_EQ(permissions(AutoStart::entryPath()), 0644u);
         // Removal finds the program again in what was written.
         EXPECT_EQ(AutoStart::setEnabled(false, each.program), std::nullopt) << each.program;
