@@ -4,6 +4,7 @@
 #include <QDragEnterEvent>
 #include <QDropEvent>
 #include <QFile>
+#include <QHBoxLayout>
 #include <QHeaderView>
 #include <QIcon>
 #include <QLabel>
@@ -13,6 +14,7 @@
 #include <QToolBar>
 #include <QTreeWidget>
 #include <QUrl>
+#include <QVBoxLayout>
 
 #include "AppModel.h"
 #include "Records/ByteCount.h"
@@ -35,7 +37,7 @@ Task<> lockEach(AppModel& model, std::vector<std::string> paths) {
 ItemListWindow::ItemListWindow(QWidget* parent)
     : QMainWindow(parent),
       pages_(new QStackedWidget(this)),
-      emptyLabel_(new QLabel(this)),
+      emptyPage_(new QWidget(this)),
       list_(new QTreeWidget(this)) {
     setWindowTitle(QStringLiteral("Corvane"));
     setWindowIcon(QIcon(TrayIcons::applicationIcon()));
@@ -102,18 +104,34 @@ ItemListWindow::ItemListWindow(QWidget* parent)
     connect(list_, &QAbstractItemView::activated, this, &ItemListWindow::activate);
     connect(list_, &QWidget::customContextMenuRequested, this, &ItemListWindow::showContextMenu);
 
-    emptyLabel_->setObjectName(QStringLiteral("emptyState"));
-    emptyLabel_->setText(QStringLiteral(
+    // What to do first, where the list will be: a picture and one sentence, as a status page.
+    emptyPage_->setObjectName(QStringLiteral("emptyState"));
+    auto* picture = new QLabel;
+    picture->setPixmap(QIcon(TrayIcons::applicationIcon()).pixmap(64));
+    picture->setAlignment(Qt::AlignCenter);
+    auto* hint = new QLabel(QStringLiteral(
         "Nothing is locked yet. Drag files or folders here, or right-click them in your file "
         "manager and choose Lock with Corvane."));
-    emptyLabel_->setAlignment(Qt::AlignCenter);
-    emptyLabel_->setWordWrap(true);
-    emptyLabel_->setMargin(48);
-    emptyLabel_->setForegroundRole(QPalette::PlaceholderText);
+    hint->setObjectName(QStringLiteral("emptyText"));
+    hint->setAlignment(Qt::AlignCenter);
+    hint->setWordWrap(true);
+    hint->setForegroundRole(QPalette::PlaceholderText);
+    auto* column = new QVBoxLayout(emptyPage_);
+    column->addStretch();
+    column->addWidget(picture);
+    column->addSpacing(12);
+    // Stretch on both sides keeps the sentence in a readable column on a wide window.
+    auto* middle = new QHBoxLayout;
+    middle->addStretch(1);
+    middle->addWidget(hint, 3);
+    middle->addStretch(1);
+    column->addLayout(middle);
+    column->addStretch();
 
-    pages_->addWidget(emptyLabel_);
+    pages_->addWidget(emptyPage_);
     pages_->addWidget(list_);
     setCentralWidget(pages_);
+    list_->setFocus();  // keyboard users start in the list, not on a toolbar button
     updateActions();
 }
 
@@ -138,7 +156,14 @@ void ItemListWindow::setRows(std::vector<ItemRow> rows) {
 
     QSignalBlocker blocker(list_);
     list_->clear();
-    QColor base = list_->palette().color(QPalette::Base);
+    // The glyph in the colour that shows on the list, and on the selection's highlight.
+    QPalette palette = list_->palette();
+    auto glyph = [&palette](bool open) {
+        QIcon icon(TrayIcons::trayIcon(palette.color(QPalette::Base), open));
+        icon.addFile(TrayIcons::trayIcon(palette.color(QPalette::Highlight), open), QSize(),
+                     QIcon::Selected);
+        return icon;
+    };
     QTreeWidgetItem* current = nullptr;
     for (std::size_t index = 0; index < rows_.size(); ++index) {
         const ItemRow& row = rows_[index];
@@ -146,7 +171,7 @@ void ItemListWindow::setRows(std::vector<ItemRow> rows) {
         item->setData(nameColumn, rowIndexRole, static_cast<qulonglong>(index));
         // Names are bytes; decoded here for the eye only.
         item->setText(nameColumn, QFile::decodeName(QByteArray::fromStdString(row.name)));
-        item->setIcon(nameColumn, QIcon(TrayIcons::trayIcon(base, row.isOpen)));
+        item->setIcon(nameColumn, glyph(row.isOpen));
         item->setText(locationColumn, QFile::decodeName(QByteArray::fromStdString(row.location)));
         if (row.url)
             item->setToolTip(locationColumn,
@@ -157,7 +182,7 @@ void ItemListWindow::setRows(std::vector<ItemRow> rows) {
         if (selected && selected->id == row.id) current = item;
     }
     if (current) list_->setCurrentItem(current);
-    pages_->setCurrentWidget(rows_.empty() ? static_cast<QWidget*>(emptyLabel_) : list_);
+    pages_->setCurrentWidget(rows_.empty() ? emptyPage_ : list_);
     updateActions();
 }
 
@@ -225,6 +250,12 @@ std::vector<std::string> ItemListWindow::localPaths(const QMimeData& data) {
         if (path.startsWith('/') && !path.contains('\0')) paths.push_back(path.toStdString());
     }
     return paths;
+}
+
+void ItemListWindow::changeEvent(QEvent* event) {
+    // A theme turned dark or light: the glyphs are picked anew for the list's colours.
+    if (event->type() == QEvent::PaletteChange) setRows(rows_);
+    QMainWindow::changeEvent(event);
 }
 
 void ItemListWindow::dragEnterEvent(QDragEnterEvent* event) {

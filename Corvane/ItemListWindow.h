@@ -11,7 +11,6 @@
 #include "ItemRow.h"
 
 class QAction;
-class QLabel;
 class QMimeData;
 class QModelIndex;
 class QStackedWidget;
@@ -57,6 +56,7 @@ signals:
     void lockRequested(const std::vector<std::string>& paths);
 
 protected:
+    void changeEvent(QEvent* event) override;
     void dragEnterEvent(QDragEnterEvent* event) override;
     void dragMoveEvent(QDragMoveEvent* event) override;
     void dropEvent(QDropEvent* event) override;
@@ -69,7 +69,7 @@ private:
 
     std::vector<ItemRow> rows_;
     QStackedWidget* pages_;
-    QLabel* emptyLabel_;
+    QWidget* emptyPage_;
     QTreeWidget* list_;
     QAction* lockFiles_;
     QAction* unlock_;

@@ -103,10 +103,12 @@ TEST(ItemListWindowTests, ShowsEachRowsNameLocationSizeAndStatus) {
 TEST(ItemListWindowTests, EmptyListShowsHowToLockInstead) {
     ItemListWindow window;
     auto* pages = window.findChild<QStackedWidget*>();
-    auto* empty = window.findChild<QLabel*>("emptyState");
+    auto* empty = window.findChild<QWidget*>("emptyState");
     window.setRows({});
     EXPECT_EQ(pages->currentWidget(), empty);
-    EXPECT_TRUE(empty->text().startsWith("Nothing is locked yet. Drag files or folders here"));
+    EXPECT_TRUE(window.findChild<QLabel*>("emptyText")
+                    ->text()
+                    .startsWith("Nothing is locked yet. Drag files or folders here"));
     window.setRows({makeRow("Report", locked)});
     EXPECT_EQ(pages->currentWidget(), list(window));
     window.setRows({});
