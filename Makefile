@@ -4,6 +4,8 @@
 #   make test   installs what is missing, builds with AddressSanitizer and UndefinedBehaviorSanitizer,
 #               and runs every test (this is what CI runs)
 #   make build  an optimised build without sanitizers
+#   make app    the optimised build, then starts corvane-app (needs a desktop session)
+#   make screenshots  renders the application's windows offscreen into docs/screenshots/
 #   make bench  the benchmarks, on an optimised build
 #   make torture  200 commands killed at random moments, each settled by recovery, on an optimised
 #               build; nothing may be lost or left behind
@@ -14,7 +16,7 @@ BUILD_DIR ?= build
 FUZZ_SECONDS ?= 60
 JOBS ?= $(shell nproc)
 
-.PHONY: deps demo test build bench torture fuzz clean
+.PHONY: deps demo test build app screenshots bench torture fuzz clean
 
 deps:
 	scripts/install-deps
@@ -33,6 +35,12 @@ test: deps
 build: deps
 	cmake -S . -B $(BUILD_DIR)/release -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo
 	cmake --build $(BUILD_DIR)/release -j $(JOBS)
+
+app: build
+	$(BUILD_DIR)/release/Corvane/corvane-app
+
+screenshots: build
+	QT_QPA_PLATFORM=offscreen $(BUILD_DIR)/release/Corvane/screenshots/corvane-screenshots docs/screenshots
 
 bench: build
 	bench/verifier.sh $(BUILD_DIR)/release/bench/corvane-verifier-bench

@@ -1,7 +1,7 @@
 #include "ProgressWindow.h"
 
+#include <QGridLayout>
 #include <QGuiApplication>
-#include <QHBoxLayout>
 #include <QLabel>
 #include <QProgressBar>
 #include <QPushButton>
@@ -20,17 +20,24 @@ ProgressWindow::ProgressWindow(QWidget* parent)
     : QWidget(parent, Qt::Tool | Qt::WindowStaysOnTopHint),
       bar_(new QProgressBar),
       message_(new QLabel),
+      bytes_(new QLabel),
       cancel_(new QPushButton(QStringLiteral("Cancel"))) {
     setWindowTitle(QStringLiteral("Corvane"));
     setFixedSize(380, 70);
-    // Wide enough for "999.9 MB of 999.9 MB" inside the bar, so the window never grows.
-    bar_->setFixedWidth(150);
+    // The message and "Cancel" above, the bar and the bytes done below: nothing wraps or
+    // overlaps in the fixed size, whatever the name.
     message_->setTextFormat(Qt::PlainText);
-    message_->setWordWrap(true);
-    auto* row = new QHBoxLayout(this);
-    row->addWidget(bar_);
-    row->addWidget(message_, 1);
-    row->addWidget(cancel_);
+    bar_->setTextVisible(false);
+    bar_->setMaximumHeight(14);
+    bytes_->setAlignment(Qt::AlignRight | Qt::AlignVCenter);
+    auto* grid = new QGridLayout(this);
+    grid->setContentsMargins(12, 8, 12, 8);
+    grid->setVerticalSpacing(4);
+    grid->addWidget(message_, 0, 0);
+    grid->addWidget(cancel_, 0, 1);
+    grid->addWidget(bar_, 1, 0);
+    grid->addWidget(bytes_, 1, 1);
+    grid->setColumnStretch(0, 1);
     connect(cancel_, &QPushButton::clicked, this, [this] {
         // The callback may show or close this window again; it runs on its own copy.
         if (auto cancel = onCancel_) cancel();
@@ -38,10 +45,11 @@ ProgressWindow::ProgressWindow(QWidget* parent)
 }
 
 void ProgressWindow::show(const std::string& message, std::function<void()> onCancel) {
-    message_->setText(QString::fromStdString(message));
+    fullMessage_ = QString::fromStdString(message);
+    showMessage();
     onCancel_ = std::move(onCancel);
     bar_->setRange(0, 0);
-    bar_->setTextVisible(false);
+    bytes_->clear();
     if (!placed_) {
         if (QScreen* screen = QGuiApplication::primaryScreen())
             move(screen->availableGeometry().center() - rect().center());
@@ -56,10 +64,15 @@ void ProgressWindow::showBytes(std::int64_t done, std::int64_t total) {
     done = std::clamp<std::int64_t>(done, 0, total);
     bar_->setRange(0, barSteps);
     bar_->setValue(static_cast<int>(done * barSteps / total));
-    bar_->setFormat(QStringLiteral("%1 of %2")
+    bytes_->setText(QStringLiteral("%1 of %2")
                         .arg(QString::fromStdString(ByteCount::file(done)),
                              QString::fromStdString(ByteCount::file(total))));
-    bar_->setTextVisible(true);
+}
+
+void ProgressWindow::showMessage() {
+    int room = width() - cancel_->sizeHint().width() - 40;
+    message_->setText(message_->fontMetrics().elidedText(fullMessage_, Qt::ElideMiddle, room));
+    message_->setToolTip(fullMessage_);
 }
 
 void ProgressWindow::close() {
@@ -68,11 +81,11 @@ void ProgressWindow::close() {
 }
 
 QString ProgressWindow::message() const {
-    return message_->text();
+    return fullMessage_;
 }
 
 QString ProgressWindow::barText() const {
-    return determinate() ? bar_->text() : QString();
+    return determinate() ? bytes_->text() : QString();
 }
 
 bool ProgressWindow::determinate() const {

@@ -28,8 +28,13 @@ public:
     bool determinate() const;
 
 private:
+    // The message on one line, shortened in the middle when it does not fit.
+    void showMessage();
+
     QProgressBar* bar_;
     QLabel* message_;
+    QLabel* bytes_;
+    QString fullMessage_;
     QPushButton* cancel_;
     std::function<void()> onCancel_;
     bool placed_ = false;

@@ -30,6 +30,8 @@ SettingsWindow::SettingsWindow(Seams seams, QWidget* parent)
     error_->hide();
 
     auto* form = new QFormLayout(this);
+    form->setContentsMargins(18, 18, 18, 18);
+    form->setVerticalSpacing(10);
     form->addRow(QStringLiteral("Lock after inactivity"), idle_);
     form->addRow(fingerprint_);
     form->addRow(startAtLogin_);
