@@ -4,6 +4,7 @@
 
 #include "AppDelegate.h"
 #include "AppModelFixture.h"
+#include "PrivateSystemBus.h"
 #include "Records/PasswordRules.h"
 #include "Records/Paths.h"
 #include "Records/SharedState.h"
@@ -68,10 +69,12 @@ TEST_F(AppModelTest, CommandsThatArriveDuringStartUpRunAfterRecoveryInArrivalOrd
     ASSERT_TRUE(spinUntil([&] { return model->rows().size() == 2; }));
 
     std::vector<std::string> progress = user.entries("progress: ");
-    std::vector<std::string> expected = {
-        "progress: Getting First ready…", "progress: Encrypting First…",
-        "progress: Checking every file in First…", "progress: Removing the unlocked original…",
-        "progress: Finishing up…",        "progress: Getting Second ready…"};
+    std::vector<std::string> expected = {"progress: Getting First ready…",
+                                         "progress: Encrypting First…",
+                                         "progress: Checking every file in First…",
+                                         "progress: Removing the unlocked original…",
+                                         "progress: Finishing up…",
+                                         "progress: Getting Second ready…"};
     ASSERT_GE(progress.size(), expected.size());
     EXPECT_EQ(std::vector(progress.begin(), progress.begin() + 6), expected);
     ASSERT_FALSE(user.log.empty());
@@ -123,8 +126,9 @@ TEST_F(AppModelTest, UnlockTriesEarlierPasswordsBeforeAskingForTheItemsOwn) {
         bool opens;
     };
     StoredSecret changed = StoredSecret{"password 1", 1, std::nullopt, {}}.changing("password 2");
-    std::string mine = "password: Enter your Corvane password | Corvane needs your password to "
-                       "unlock Old";
+    std::string mine =
+        "password: Enter your Corvane password | Corvane needs your password to "
+        "unlock Old";
     std::string differs =
         "password: This item uses a different password | Enter the password it was locked with.";
     std::vector<Case> cases = {
@@ -135,8 +139,11 @@ TEST_F(AppModelTest, UnlockTriesEarlierPasswordsBeforeAskingForTheItemsOwn) {
          {mine, "password: Enter your Corvane password | That password did not work. Try again.",
           differs, differs},
          true},
-        {"the user gives up", {"password 3", 3, std::nullopt, {}}, {"password 3", std::nullopt},
-         {mine, differs}, false},
+        {"the user gives up",
+         {"password 3", 3, std::nullopt, {}},
+         {"password 3", std::nullopt},
+         {mine, differs},
+         false},
     };
     for (auto& test : cases) {
         SCOPED_TRACE(test.name);
@@ -253,9 +260,8 @@ TEST_F(AppModelTest, PasswordChangeRefusalsComeBeforeAnythingIsSaved) {
         EXPECT_EQ(store.load()->generation, 1);
     }
     // While something runs, the change waits for nothing: it is refused.
-    app::spawn([](app::AppModel& app, std::string path) -> app::Task<> {
-        co_await app.lock(path);
-    }(app, folder("Busy")));
+    app::spawn([](app::AppModel& app, std::string path) -> app::Task<> { co_await app.lock(path); }(
+                                                            app, folder("Busy")));
     auto refusal = await(app.changePassword("password 1", "password 2"));
     EXPECT_EQ(refusal, app.activity().passwordChangeRefusal());
     ASSERT_TRUE(refusal);
@@ -307,9 +313,8 @@ TEST_F(AppModelTest, AFailedLockShowsOnePromptAndCancelLeavesTheItem) {
     auto before = tree(original);
     // Cancelled from the progress window as soon as it shows.
     user.buttons = {"OK"};
-    app::spawn([](app::AppModel& app, std::string path) -> app::Task<> {
-        co_await app.lock(path);
-    }(app, original));
+    app::spawn([](app::AppModel& app, std::string path) -> app::Task<> { co_await app.lock(path); }(
+                                                            app, original));
     ASSERT_TRUE(user.onCancel);
     user.onCancel();
     ASSERT_TRUE(spinUntil([&] { return app.activity().isIdle(); }));
@@ -339,6 +344,33 @@ TEST_F(AppModelTest, StartUpNeedsTheSupportLockAndSetupTheRecord) {
     EXPECT_EQ(store.load()->password, "password 9");
     EXPECT_EQ(store.load()->generation, 1);
     EXPECT_FALSE(UserSettings(root / "settings.json").touchIDEnabled());
+}
+
+TEST_F(AppModelTest, AFingerprintStandsInForTheTypedPasswordUnlessItFailsOrIsSwitchedOff) {
+    app::AppModel& app = started();
+    await(app.lock(folder("Secret")));
+    std::string locked = *app.rows()[0].url;
+    struct Case {
+        const char* scenario;
+        bool enabled;
+        bool asksFinger;
+        bool asksPassword;
+    };
+    for (const auto& test : std::vector<Case>{{"match", true, true, false},
+                                              {"no-match", true, true, true},
+                                              {"match", false, false, true},
+                                              {"no-reader", true, false, true}}) {
+        SCOPED_TRACE(std::string(test.scenario) + (test.enabled ? "" : ", switched off"));
+        PrivateSystemBus reader(test.scenario);
+        app.setTouchIDEnabled(test.enabled);
+        user.log.clear();
+        if (test.asksPassword) user.passwords = {"password 1"};
+        await(app.unlock(locked));
+        EXPECT_EQ(user.entries("fingerprint: ").size(), test.asksFinger ? 1u : 0u);
+        EXPECT_EQ(user.entries("password: ").size(), test.asksPassword ? 1u : 0u);
+        ASSERT_EQ(app.openItems().size(), 1u);
+        await(app.lockNow(locked));
+    }
 }
 
 }  // namespace corvane::testing
