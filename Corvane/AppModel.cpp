@@ -9,6 +9,7 @@
 #include <algorithm>
 
 #include "Engine/AppPaths.h"
+#include "Engine/ItemName.h"
 #include "FileSystem/FileWalk.h"
 #include "FileSystem/GocryptfsTool.h"
 #include "FileSystem/ItemFacts.h"
@@ -21,30 +22,6 @@
 namespace corvane::app {
 
 namespace {
-
-constexpr std::string_view lockedExtension = ".corvlock";
-
-// What the user calls an item: the locked item's name without its extension, or the name of the
-// file or folder given.
-std::string itemName(const std::string& path) {
-    std::string name = lastPathComponent(standardizedPath(path));
-    std::string lowered = name;
-    std::transform(lowered.begin(), lowered.end(), lowered.begin(),
-                   [](unsigned char c) { return std::tolower(c); });
-    if (lowered.size() > lockedExtension.size() && lowered.ends_with(lockedExtension))
-        name.resize(name.size() - lockedExtension.size());
-    return name;
-}
-
-bool isWrongPassword(const std::exception_ptr& failure) {
-    try {
-        std::rethrow_exception(failure);
-    } catch (const CorvaneError& error) {
-        return error.errorCase() == CorvaneError::Case::wrongPassword;
-    } catch (...) {
-        return false;
-    }
-}
 
 std::string failureText(const std::exception_ptr& failure) {
     try {
@@ -244,19 +221,6 @@ Task<> AppModel::waitWhilePasswordChanges() {
     co_await passwordWaiters_.wait();
 }
 
-std::string AppModel::message(LockStep step, const std::string& name) {
-    switch (step) {
-        case LockStep::preparing: return "Getting " + name + " ready…";
-        case LockStep::downloading: return "Downloading " + name + "…";
-        case LockStep::encrypting: return "Encrypting " + name + "…";
-        case LockStep::verifying: return "Checking every file in " + name + "…";
-        case LockStep::removingOriginal: return "Removing the unlocked original…";
-        case LockStep::restoring: return "Restoring " + name + "…";
-        case LockStep::finishing: return "Finishing up…";
-    }
-    return "";
-}
-
 Locker::Progress AppModel::progressReporter(const std::string& name,
                                             std::function<void()> onCancel) {
     // Reports come from the worker thread; the window is only touched on the main thread, and
@@ -265,7 +229,7 @@ Locker::Progress AppModel::progressReporter(const std::string& name,
         QMetaObject::invokeMethod(
             this,
             [this, step, name, onCancel] {
-                services_.progress.show(message(step, name), onCancel);
+                services_.progress.show(LockSteps::message(step, name), onCancel);
             },
             Qt::QueuedConnection);
     };
@@ -288,7 +252,7 @@ Task<> AppModel::lock(std::string path) {
     co_await tracking("locking " + name, [&]() -> Task<> {
         auto cancel = std::make_shared<CancelToken>();
         auto onCancel = [cancel] { cancel->cancel(); };
-        services_.progress.show(message(LockStep::preparing, name), onCancel);
+        services_.progress.show(LockSteps::message(LockStep::preparing, name), onCancel);
         std::optional<StoredSecret> secret = passwords_.load();
         std::exception_ptr failure;
         if (secret) {
@@ -391,7 +355,8 @@ Task<bool> AppModel::withItemPassword(Attempt attempt) {
             co_await worker_->run([&] { attempt(candidate); });
             co_return true;
         } catch (...) {
-            if (!isWrongPassword(std::current_exception())) throw;
+            if (!CorvaneError::is(std::current_exception(), CorvaneError::Case::wrongPassword))
+                throw;
         }
     }
     for (;;) {
@@ -402,7 +367,8 @@ Task<bool> AppModel::withItemPassword(Attempt attempt) {
             co_await worker_->run([&] { attempt(*typed); });
             co_return true;
         } catch (...) {
-            if (!isWrongPassword(std::current_exception())) throw;
+            if (!CorvaneError::is(std::current_exception(), CorvaneError::Case::wrongPassword))
+                throw;
         }
     }
 }
@@ -450,24 +416,27 @@ Task<> AppModel::lockNow(std::string path) {
     co_await refresh();
 }
 
+void AppModel::closeAndScrub(const OpenItem& item, bool force) {
+    // What was shown while it was open is named by paths below the mount point: learn them while
+    // they can still be walked.
+    std::string contents = item.contentURL();
+    std::vector<std::string> entries;
+    try {
+        entries = FileWalk::relativePaths(contents);
+    } catch (const std::exception&) {
+        // The item itself is still forgotten.
+    }
+    locker_->relock(item, force);
+    ThumbnailScrubber::reset(contents, entries);
+}
+
 Task<> AppModel::relock(OpenItem item) {
     co_await tracking("locking " + item.name, [&]() -> Task<> {
         bool force = false;
         for (;;) {
             std::exception_ptr failure;
             try {
-                co_await worker_->run([&] {
-                    // What was shown while it was open is named by paths below the mount point:
-                    // learn them while they can still be walked.
-                    std::string contents = item.contentURL();
-                    std::vector<std::string> entries;
-                    try {
-                        entries = FileWalk::relativePaths(contents);
-                    } catch (const std::exception&) {
-                    }
-                    locker_->relock(item, force);
-                    ThumbnailScrubber::reset(contents, entries);
-                });
+                co_await worker_->run([&] { closeAndScrub(item, force); });
                 co_return;
             } catch (...) {
                 failure = std::current_exception();
@@ -510,16 +479,7 @@ Task<std::vector<std::string>> AppModel::relockAllQuietly() {
     for (const auto& item : co_await currentOpenItems()) {
         try {
             co_await tracking("locking " + item.name, [&]() -> Task<> {
-                co_await worker_->run([&] {
-                    std::string contents = item.contentURL();
-                    std::vector<std::string> entries;
-                    try {
-                        entries = FileWalk::relativePaths(contents);
-                    } catch (const std::exception&) {
-                    }
-                    locker_->relock(item, false);
-                    ThumbnailScrubber::reset(contents, entries);
-                });
+                co_await worker_->run([&] { closeAndScrub(item, false); });
             });
         } catch (const CorvaneError& error) {
             if (error.errorCase() == CorvaneError::Case::inUse) inUse.push_back(item.name);

@@ -114,8 +114,6 @@ public:
     // tries. Nothing when the user gave up.
     Task<std::optional<std::string>> verifiedPassword(std::string reason);
 
-    static std::string message(LockStep step, const std::string& name);
-
 signals:
     void rowsChanged();
     void needsSetupChanged();
@@ -139,6 +137,8 @@ private:
     Task<bool> withItemPassword(Attempt attempt);
 
     Task<> relock(OpenItem item);
+    // On the worker: closes the item and makes the desktop forget its previews and recent files.
+    void closeAndScrub(const OpenItem& item, bool force);
     Task<std::vector<OpenItem>> currentOpenItems();
     std::optional<OpenItem> openItemAt(const std::string& path) const;
     std::string nameFor(const std::string& path) const;

@@ -8,7 +8,7 @@
 #include "Arguments.h"
 #include "CommandFailure.h"
 #include "Commands.h"
-#include "ItemName.h"
+#include "Engine/ItemName.h"
 #include "Records/Paths.h"
 #include "UsageError.h"
 

@@ -4,7 +4,7 @@
 #include "CommandFailure.h"
 #include "Commands.h"
 #include "FailureMessage.h"
-#include "ItemName.h"
+#include "Engine/ItemName.h"
 #include "ProgressReporter.h"
 #include "UsageError.h"
 

@@ -8,16 +8,6 @@ namespace {
 
 const std::string kWrongPassword = "That password did not work.";
 
-bool isWrongPassword(const std::exception_ptr& failure) {
-    try {
-        std::rethrow_exception(failure);
-    } catch (const CorvaneError& error) {
-        return error.errorCase() == CorvaneError::Case::wrongPassword;
-    } catch (...) {
-        return false;
-    }
-}
-
 }  // namespace
 
 std::optional<StoredSecret> PasswordGate::record() const {
@@ -67,7 +57,7 @@ void PasswordGate::eachItemPassword(const SecretText& typed,
             wipeCandidates();
             return;
         } catch (...) {
-            if (!isWrongPassword(std::current_exception())) {
+            if (!CorvaneError::is(std::current_exception(), CorvaneError::Case::wrongPassword)) {
                 wipeCandidates();
                 throw;
             }
@@ -87,7 +77,9 @@ void PasswordGate::eachItemPassword(const SecretText& typed,
             attempt(own->text());
             return;
         } catch (...) {
-            if (!isWrongPassword(std::current_exception()) || prompter_.fromInput()) throw;
+            if (!CorvaneError::is(std::current_exception(), CorvaneError::Case::wrongPassword) ||
+                prompter_.fromInput())
+                throw;
         }
     }
 }

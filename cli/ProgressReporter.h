@@ -28,8 +28,6 @@ public:
     // Clears the terminal line, so that what comes next starts on a clean line.
     void finish();
 
-    static std::string message(LockStep step, const std::string& name);
-
 private:
     std::ostream& err_;
     bool terminal_;

@@ -2,7 +2,7 @@
 // the user confirmed and proved knowing the password, and prints where they are.
 #include "Arguments.h"
 #include "Commands.h"
-#include "ItemName.h"
+#include "Engine/ItemName.h"
 #include "ProgressReporter.h"
 #include "UsageError.h"
 

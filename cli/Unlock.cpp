@@ -2,7 +2,7 @@
 // mount point with the passwords it may use, and prints where its contents are.
 #include "Arguments.h"
 #include "Commands.h"
-#include "ItemName.h"
+#include "Engine/ItemName.h"
 #include "UsageError.h"
 
 namespace corvane::cli {

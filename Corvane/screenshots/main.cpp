@@ -84,7 +84,7 @@ void trayMenu() {
 
 void progress() {
     ProgressWindow window;
-    window.show(AppModel::message(LockStep::encrypting, "Report"), [] {});
+    window.show(LockSteps::message(LockStep::encrypting, "Report"), [] {});
     window.showBytes(412'000'000, 1'234'000'000);
     save(window, QStringLiteral("progress"));
 }

@@ -159,4 +159,14 @@ std::string CorvaneError::list(const std::vector<std::string>& names) {
     return joined;
 }
 
+bool CorvaneError::is(const std::exception_ptr& failure, Case errorCase) {
+    try {
+        std::rethrow_exception(failure);
+    } catch (const CorvaneError& error) {
+        return error.errorCase() == errorCase;
+    } catch (...) {
+        return false;
+    }
+}
+
 }  // namespace corvane

@@ -83,6 +83,8 @@ public:
     static CorvaneError changedWhileLocking();
 
     Case errorCase() const { return case_; }
+    // Whether `failure` is a CorvaneError of `errorCase`.
+    static bool is(const std::exception_ptr& failure, Case errorCase);
     const Payload& payload() const { return payload_; }
 
     // The sentence shown to the user, in the host's wording.

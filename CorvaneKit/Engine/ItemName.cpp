@@ -1,4 +1,4 @@
-#include "ItemName.h"
+#include "Engine/ItemName.h"
 
 #include <algorithm>
 #include <cctype>
@@ -6,7 +6,7 @@
 
 #include "Records/Paths.h"
 
-namespace corvane::cli {
+namespace corvane {
 
 std::string itemName(const std::string& path) {
     std::string name = lastPathComponent(standardizedPath(path));
@@ -19,4 +19,4 @@ std::string itemName(const std::string& path) {
     return name;
 }
 
-}  // namespace corvane::cli
+}  // namespace corvane

@@ -4,8 +4,8 @@
 
 #include <string>
 
-namespace corvane::cli {
+namespace corvane {
 
 std::string itemName(const std::string& path);
 
-}  // namespace corvane::cli
+}  // namespace corvane
