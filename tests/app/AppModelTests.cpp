@@ -373,4 +373,50 @@ TEST_F(AppModelTest, AFingerprintStandsInForTheTypedPasswordUnlessItFailsOrIsSwi
     }
 }
 
+TEST_F(AppModelTest, AQuitAskedWhileWorkRunsWaitsForItOrIsCancelled) {
+    app::AppModel& app = started();
+    app::AppDelegate delegate(app, user);
+    for (const char* answer : {"Cancel", "Quit When Finished"}) {
+        SCOPED_TRACE(answer);
+        std::string original = folder(std::string("Busy ") + answer);
+        app::spawn(app.lock(original));
+        ASSERT_FALSE(app.activity().isIdle());
+        user.log.clear();
+        user.buttons = {answer};
+        bool quits = await(delegate.shouldQuit());
+        EXPECT_EQ(user.entries("choose: "),
+                  std::vector<std::string>{"choose: Corvane is still locking Busy " +
+                                           std::string(answer) +
+                                           ". Quit when it finishes? | Corvane quits as soon as "
+                                           "it is done."});
+        EXPECT_EQ(quits, answer != std::string("Cancel"));
+        // Quitting waited for the lock to finish; a cancelled quit did not.
+        if (quits) {
+            EXPECT_FALSE(std::filesystem::exists(original));
+        }
+        ASSERT_TRUE(spinUntil([&] { return app.activity().isIdle(); }));
+        EXPECT_FALSE(app.activity().isQuitting);
+    }
+}
+
+TEST_F(AppModelTest, StartUpMovesItemsLeftBehindByAPasswordChange) {
+    std::string original = folder("Behind");
+    {
+        Locker locker(root / "Support", root / "Home", std::nullopt,
+                      std::make_shared<GocryptfsTool>());
+        locker.lock(original, "password 1", 1);
+    }
+    StoredSecret changed = store.load()->changing("password 2");
+    store.save(changed);
+    app::AppModel& app = started();
+    ASSERT_EQ(app.rows().size(), 1u);
+    EXPECT_FALSE(app.rows()[0].needsPasswordUpdate);
+    EXPECT_EQ(*store.load(), changed.migrated());
+    EXPECT_TRUE(user.entries("notify: ").empty());
+    user.passwords = {"password 2"};
+    await(app.unlock(*app.rows()[0].url));
+    EXPECT_EQ(app.openItems().size(), 1u);
+    EXPECT_TRUE(user.entries("password: This item").empty());
+}
+
 }  // namespace corvane::testing
