@@ -27,6 +27,9 @@ const std::string CommandLine::usage =
     "  config [idle-minutes N | fingerprint on|off]\n"
     "                                 show or change the settings\n"
     "  recover [--json]               finish or undo interrupted work (every command does first)\n"
+    "  menu [--json] PATH...          the file-manager menu entries for a selection\n"
+    "  open-url URL                   hand a corvane:// command to the running application\n"
+    "  integrate [--remove]           add (or remove) Corvane's file-manager menus for you\n"
     "\n"
     "Options:\n"
     "  --password-stdin               read passwords from standard input, one per line, instead\n"
@@ -51,6 +54,9 @@ const std::map<std::string, Command, std::less<>> kCommands = {
     {"status", runStatus},
     {"config", runConfig},
     {"recover", runRecover},
+    {"menu", runMenu},
+    {"open-url", runOpenUrl},
+    {"integrate", runIntegrate},
 };
 
 // Takes `option` out of the words before "--"; whether it was there.

@@ -38,5 +38,11 @@ int runStatus(CommandContext& context, const Words& words, std::istream& in, std
               std::ostream& err);
 int runConfig(CommandContext& context, const Words& words, std::istream& in, std::ostream& out,
               std::ostream& err);
+int runMenu(CommandContext& context, const Words& words, std::istream& in, std::ostream& out,
+            std::ostream& err);
+int runOpenUrl(CommandContext& context, const Words& words, std::istream& in, std::ostream& out,
+               std::ostream& err);
+int runIntegrate(CommandContext& context, const Words& words, std::istream& in, std::ostream& out,
+                 std::ostream& err);
 
 }  // namespace corvane::cli
