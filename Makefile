@@ -9,6 +9,7 @@
 #   make bench  the benchmarks, on an optimised build
 #   make torture  200 commands killed at random moments, each settled by recovery, on an optimised
 #               build; nothing may be lost or left behind
+#   make package  the optimised build, then the Debian package $(BUILD_DIR)/corvane_VERSION_ARCH.deb
 #   make fuzz   builds the fuzzers with clang, runs each for FUZZ_SECONDS (60) on a copy of its seed
 #               corpus, or for FUZZ_RUNS executions when given; fails when one crashes
 
@@ -53,6 +54,12 @@ torture: build
 
 fuzz: deps
 	FUZZ_SECONDS=$(FUZZ_SECONDS) FUZZ_RUNS=$(FUZZ_RUNS) JOBS=$(JOBS) fuzz/run.sh $(BUILD_DIR)/fuzz
+
+.PHONY: package
+package: build
+	rm -rf $(BUILD_DIR)/release/package
+	cpack --config $(BUILD_DIR)/release/CPackConfig.cmake -G DEB -B $(BUILD_DIR)/release/package
+	cp $(BUILD_DIR)/release/package/corvane_*.deb $(BUILD_DIR)/
 
 clean:
 	rm -rf $(BUILD_DIR)
