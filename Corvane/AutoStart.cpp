@@ -6,7 +6,9 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <filesystem>
+#include <fstream>
 #include <sstream>
 #include <vector>
 
@@ -119,6 +121,41 @@ bool isOurs(const Entry& entry) {
                                        program.ends_with("/" + std::string(kProgramName)));
 }
 
+bool isOn(const Entry& entry) {
+    return !entry.hidden && !entry.switchedOff;
+}
+
+// The system's entry, read through links (packages and administrators link entries there);
+// one that cannot be read is taken as none.
+std::optional<Entry> systemEntry() {
+    auto path = AutoStart::systemEntryPath();
+    if (!path) return std::nullopt;
+    std::ifstream file(*path, std::ios::binary);
+    std::string text(kEntryLimit + 1, '\0');
+    file.read(text.data(), static_cast<std::streamsize>(text.size()));
+    if (file.bad() || file.gcount() <= 0 || static_cast<std::size_t>(file.gcount()) > kEntryLimit)
+        return std::nullopt;
+    text.resize(static_cast<std::size_t>(file.gcount()));
+    return parse(text);
+}
+
+void writeEntry(const std::string& path, const std::string& exec, bool hidden) {
+    std::string text =
+        "[Desktop Entry]\nType=Application\nName=Corvane\nExec=" + exec +
+        " --background\nIcon=corvane\n" +
+        (hidden ? "Hidden=true\n" : "X-GNOME-Autostart-enabled=true\nNoDisplay=false\n");
+    JSONCodec::writeAtomically(text, path, 0644);
+}
+
+// Removes the file at `path` only when it is still the one that was read, never something put
+// there since.
+void removeIfSame(const std::string& path, const struct stat& opened) {
+    struct stat now {};
+    if (lstat(path.c_str(), &now) == 0 && now.st_dev == opened.st_dev &&
+        now.st_ino == opened.st_ino && unlink(path.c_str()) != 0 && errno != ENOENT)
+        throw std::system_error(errno, std::generic_category(), path);
+}
+
 }  // namespace
 
 std::string AutoStart::entryPath() {
@@ -127,41 +164,71 @@ std::string AutoStart::entryPath() {
     return folder + "/autostart/corvane.desktop";
 }
 
+std::optional<std::string> AutoStart::systemEntryPath() {
+    const char* variable = std::getenv("XDG_CONFIG_DIRS");
+    std::istringstream folders(variable && variable[0] ? variable : "/etc/xdg");
+    for (std::string folder; std::getline(folders, folder, ':');) {
+        // Relative folders are ignored by the XDG rules.
+        if (folder.empty() || folder.front() != '/') continue;
+        while (folder.size() > 1 && folder.back() == '/') folder.pop_back();
+        auto path = folder + "/autostart/corvane.desktop";
+        std::error_code error;
+        if (std::filesystem::is_regular_file(path, error)) return path;
+    }
+    return std::nullopt;
+}
+
 bool AutoStart::isEnabled() {
     try {
-        auto text = JSONCodec::readIfPresent(entryPath(), kEntryLimit);
-        if (!text) return false;
-        auto entry = parse(*text);
-        return !entry.hidden && !entry.switchedOff;
+        if (auto text = JSONCodec::readIfPresent(entryPath(), kEntryLimit))
+            return isOn(parse(*text));
     } catch (const std::exception&) {
-        // A link, a FIFO or an oversized file is no entry of ours; enabling replaces it.
+        // A link, a FIFO or an oversized file is no entry of ours, yet it hides the system's;
+        // enabling replaces it.
         return false;
     }
+    auto system = systemEntry();
+    return system && isOn(*system);
 }
 
 std::optional<std::string> AutoStart::setEnabled(bool enabled, const std::string& executable) {
     auto path = entryPath();
     try {
+        auto system = systemEntry();
+        bool systemStartsUs = system && isOn(*system) && isOurs(*system);
+        struct stat opened {};
+        std::optional<Entry> user;
+        std::exception_ptr unreadable;
+        try {
+            if (auto text = JSONCodec::readIfPresent(path, kEntryLimit, &opened))
+                user = parse(*text);
+        } catch (const std::exception&) {
+            unreadable = std::current_exception();
+        }
+
         if (enabled) {
+            // The system's entry starts us: an override of ours only stands in its way.
+            if (systemStartsUs && !unreadable && (!user || isOurs(*user))) {
+                if (user && !isOn(*user)) removeIfSame(path, opened);
+                return std::nullopt;
+            }
             if (!UTF8::isValid(executable))
                 return "Corvane cannot start at login from a folder whose name is not UTF-8 text.";
-            std::string text =
-                "[Desktop Entry]\nType=Application\nName=Corvane\nExec=" + execValue(executable) +
-                " --background" +
-                "\nIcon=corvane\nX-GNOME-Autostart-enabled=true\nNoDisplay=false\n";
-            JSONCodec::writeAtomically(text, path, 0644);
+            writeEntry(path, execValue(executable), false);
             return std::nullopt;
         }
-        struct stat opened {};
-        auto text = JSONCodec::readIfPresent(path, kEntryLimit, &opened);
-        if (!text) return std::nullopt;
-        if (!isOurs(parse(*text)))
+        if (unreadable) std::rethrow_exception(unreadable);
+        if (user && !isOurs(*user))
             return "Corvane left " + UTF8::lenient(path) + " in place: it starts another program.";
-        // Only the file that was read goes, never something put there since.
-        struct stat now {};
-        if (lstat(path.c_str(), &now) == 0 && now.st_dev == opened.st_dev &&
-            now.st_ino == opened.st_ino && unlink(path.c_str()) != 0 && errno != ENOENT)
-            throw std::system_error(errno, std::generic_category(), path);
+        if (!user && system && isOn(*system) && !systemStartsUs)
+            return "Corvane left " + UTF8::lenient(systemEntryPath().value_or("")) +
+                   " in place: it starts another program.";
+        if (systemStartsUs) {
+            // Removing ours would leave the system's entry in effect: a hidden one overrides it.
+            if (!user || isOn(*user)) writeEntry(path, std::string(kProgramName), true);
+        } else if (user) {
+            removeIfSame(path, opened);
+        }
         return std::nullopt;
     } catch (const std::exception& error) {
         return std::string("Corvane could not change its start at login: ") +

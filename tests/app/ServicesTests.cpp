@@ -313,6 +313,7 @@ TEST(AutoStartTest, EntryStartsTheProgramWithItsNameQuotedAndIsRemovedAgain) {
     for (const auto& each : cases) {
         TempDir home;
         ScopedVariable config("XDG_CONFIG_HOME", home / "config");
+        ScopedVariable system("XDG_CONFIG_DIRS", home / "xdg");
         ASSERT_EQ(AutoStart::entryPath(), home / "config/autostart/corvane.desktop");
         EXPECT_FALSE(AutoStart::isEnabled());
         ASSERT_EQ(AutoStart::setEnabled(true, each.program), std::nullopt);
@@ -344,6 +345,7 @@ TEST(AutoStartTest, EntriesThatAreNotOursOrSwitchedOffAreReadAsSuchAndKept) {
     for (const auto& each : cases) {
         TempDir home;
         ScopedVariable config("XDG_CONFIG_HOME", std::nullopt);
+        ScopedVariable system("XDG_CONFIG_DIRS", home / "xdg");
         ScopedVariable homeVariable("HOME", home.path());
         auto path = home / ".config/autostart/corvane.desktop";
         ASSERT_EQ(AutoStart::entryPath(), path);
@@ -358,6 +360,7 @@ TEST(AutoStartTest, EntriesThatAreNotOursOrSwitchedOffAreReadAsSuchAndKept) {
 TEST(AutoStartTest, LinkIsNeverFollowedAndANameThatIsNotTextIsRefused) {
     TempDir home;
     ScopedVariable config("XDG_CONFIG_HOME", home / "config");
+    ScopedVariable system("XDG_CONFIG_DIRS", home / "xdg");
     auto target = home / "elsewhere.desktop";
     writeFile(target, "[Desktop Entry]\nExec=corvane-app\n");
     std::filesystem::create_directories(home / "config/autostart");
@@ -373,6 +376,127 @@ TEST(AutoStartTest, LinkIsNeverFollowedAndANameThatIsNotTextIsRefused) {
     ASSERT_EQ(AutoStart::setEnabled(true, "/usr/bin/corvane-app"), std::nullopt);
     EXPECT_FALSE(std::filesystem::is_symlink(AutoStart::entryPath()));
     EXPECT_EQ(readFile(target), "[Desktop Entry]\nExec=corvane-app\n");
+}
+
+TEST(AutoStartTest, SystemEntryIsTheFirstRegularFileAmongTheConfigFolders) {
+    TempDir root;
+    for (std::string folder : {"a", "b", "c"})
+        writeFile(root / folder + "/autostart/corvane.desktop", "[Desktop Entry]\n");
+    std::filesystem::create_directories(root / "folder/autostart/corvane.desktop");
+    std::filesystem::create_directories(root / "linked/autostart");
+    std::filesystem::create_symlink(root / "c/autostart/corvane.desktop",
+                                    root / "linked/autostart/corvane.desktop");
+    struct {
+        std::string folders;
+        std::optional<std::string> found;
+    } cases[] = {
+        {root / "b" + ":" + root / "a", root / "b/autostart/corvane.desktop"},
+        {root / "none:" + root / "a/", root / "a/autostart/corvane.desktop"},
+        // Relative folders are ignored; so is a folder in the entry's place.
+        {"a:" + root / "folder:" + root / "c", root / "c/autostart/corvane.desktop"},
+        // Packages and administrators link entries: the link counts.
+        {root / "linked", root / "linked/autostart/corvane.desktop"},
+        {root / "none", std::nullopt},
+    };
+    for (const auto& each : cases) {
+        ScopedVariable folders("XDG_CONFIG_DIRS", each.folders);
+        EXPECT_EQ(AutoStart::systemEntryPath(), each.found) << each.folders;
+    }
+    for (std::optional<std::string> unset :
+         {std::optional<std::string>(), std::optional(std::string())}) {
+        ScopedVariable folders("XDG_CONFIG_DIRS", unset);
+        auto found = AutoStart::systemEntryPath();
+        EXPECT_EQ(found.has_value(),
+                  std::filesystem::is_regular_file("/etc/xdg/autostart/corvane.desktop"));
+        if (found) {
+            EXPECT_EQ(*found, "/etc/xdg/autostart/corvane.desktop");
+        }
+    }
+}
+
+TEST(AutoStartTest, UserEntryOverridesTheSystemEntryBothWays) {
+    const std::string header = "[Desktop Entry]\nType=Application\n";
+    const std::string installed = header + "Exec=corvane-app --background\n";
+    enum class After { none, hidden, ours, unchanged };
+    struct {
+        std::optional<std::string> system;
+        std::optional<std::string> user;
+        bool turnOn;
+        bool enabledBefore;
+        bool refused;
+        After userAfter;
+        bool enabledAfter;
+    } cases[] = {
+        // The package's entry alone starts us; off hides it for this user, on lifts that again.
+        {installed, std::nullopt, false, true, false, After::hidden, false},
+        {installed, std::nullopt, true, true, false, After::none, true},
+        {installed, header + "Exec=corvane-app\nHidden=true\n", true, false, false, After::none,
+         true},
+        {installed, header + "Exec=/usr/bin/corvane-app\nX-GNOME-Autostart-enabled=false\n", true,
+         false, false, After::none, true},
+        {installed, header + "Exec=corvane-app\nHidden=true\n", false, false, false,
+         After::unchanged, false},
+        // An entry of ours that is on stays on, and turning off hides the system's through it.
+        {installed, header + "Exec=/opt/corvane-app\n", true, true, false, After::unchanged, true},
+        {installed, header + "Exec=/opt/corvane-app\n", false, true, false, After::hidden, false},
+        // Someone else's entry under our name is refused when turning off, replaced when on.
+        {installed, header + "Exec=/usr/bin/backup-tool\n", false, true, true, After::unchanged,
+         true},
+        {installed, header + "Exec=/usr/bin/backup-tool\nHidden=true\n", true, false, false,
+         After::ours, true},
+        // A system entry that is off or starts another program is no help: ours is written.
+        {header + "Exec=corvane-app\nHidden=true\n", std::nullopt, true, false, false, After::ours,
+         true},
+        {header + "Exec=corvane-app\nX-GNOME-Autostart-enabled=false\n",
+         header + "Exec=corvane-app\n", false, true, false, After::none, false},
+        {header + "Exec=/usr/bin/backup-tool\n", std::nullopt, true, true, false, After::ours,
+         true},
+        {header + "Exec=/usr/bin/backup-tool\n", std::nullopt, false, true, true, After::none,
+         true},
+    };
+    for (const auto& each : cases) {
+        TempDir home;
+        ScopedVariable config("XDG_CONFIG_HOME", home / "config");
+        ScopedVariable system("XDG_CONFIG_DIRS", home / "empty:" + home / "xdg");
+        auto user = AutoStart::entryPath();
+        if (each.system) writeFile(home / "xdg/autostart/corvane.desktop", *each.system);
+        if (each.user) writeFile(user, *each.user);
+        auto label = each.system.value_or("no system entry") +
+                     "| user: " + each.user.value_or("none") +
+                     "| on: " + std::to_string(each.turnOn);
+
+        EXPECT_EQ(AutoStart::isEnabled(), each.enabledBefore) << label;
+        auto refusal = AutoStart::setEnabled(each.turnOn, "/usr/bin/corvane-app");
+        EXPECT_EQ(refusal.has_value(), each.refused) << label << refusal.value_or("");
+        EXPECT_EQ(AutoStart::isEnabled(), each.enabledAfter) << label;
+        auto text = std::filesystem::exists(user) ? std::optional(readFile(user)) : std::nullopt;
+        switch (each.userAfter) {
+            case After::none: EXPECT_EQ(text, std::nullopt) << label; break;
+            case After::unchanged: EXPECT_EQ(text, each.user) << label; break;
+            case After::hidden:
+                ASSERT_TRUE(text) << label;
+                EXPECT_NE(text->find("\nExec=corvane-app --background\n"), std::string::npos)
+                    << *text;
+                EXPECT_NE(text->find("\nHidden=true\n"), std::string::npos) << *text;
+                break;
+            case After::ours:
+                ASSERT_TRUE(text) << label;
+                EXPECT_NE(text->find("\nExec=/usr/bin/corvane-app --background\n"),
+                          std::string::npos)
+                    << *text;
+                EXPECT_EQ(text->find("Hidden"), std::string::npos) << *text;
+                break;
+        }
+        // Whatever was asked, asking again changes nothing more.
+        if (!each.refused) {
+            EXPECT_EQ(AutoStart::setEnabled(each.turnOn, "/usr/bin/corvane-app"), std::nullopt)
+                << label;
+            EXPECT_EQ(AutoStart::isEnabled(), each.enabledAfter) << label;
+            auto again =
+                std::filesystem::exists(user) ? std::optional(readFile(user)) : std::nullopt;
+            EXPECT_EQ(again, text) << label;
+        }
+    }
 }
 
 // --- Single instance ---

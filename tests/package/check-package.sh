@@ -85,10 +85,13 @@ export ASAN_OPTIONS=detect_leaks=0
     fail "usr/bin/corvane --version says '$("$work/root/usr/bin/corvane" --version 2>&1)'"
 
 # --- Desktop entries ---
+# Dolphin's service menus are KDE services, not applications: the validator's rules for
+# applications reject the keys KIO reads there (MimeType=all/all, Actions), and only those.
+kde_service='the type is "Service" while this key is only valid|contains value "all/all"'
 while read -r file; do
-    if ! report=$(desktop-file-validate "$file" 2>&1) || grep -qE ': (error|warning): ' <<<"$report"; then
-        fail "desktop-file-validate ${file#"$work/root"}: $report"
-    fi
+    report=$(desktop-file-validate "$file" 2>&1) || true
+    [[ $file == */kio/servicemenus/* ]] && report=$(grep -vE "$kde_service" <<<"$report" || true)
+    ! grep -qE ': (error|warning)' <<<"$report" || fail "desktop-file-validate ${file#"$work/root"}: $report"
 done < <(find "$work/root" -name '*.desktop')
 entry() { grep -x "$2=.*" "$work/root$1" | cut -d= -f2-; }
 while IFS='|' read -r file key value; do
