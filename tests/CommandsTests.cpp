@@ -1,0 +1,410 @@
+// Command URLs and the file manager's menu, and the two commands built on them that never touch
+// the engine: `corvane menu` on a real shared-state file, `corvane open-url` against a real socket
+// and a stand-in application program.
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <chrono>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <set>
+#include <sstream>
+#include <thread>
+
+#include <nlohmann/json.hpp>
+
+#include "CommandLine.h"
+#include "Commands/CorvaneCommand.h"
+#include "Commands/FileManagerMenuModel.h"
+#include "Records/SharedState.h"
+#include "TestSupport.h"
+
+namespace corvane {
+namespace {
+
+using namespace corvane::testing;
+using Kind = CorvaneCommand::Kind;
+using Clock = std::chrono::steady_clock;
+
+struct Outcome {
+    int status;
+    std::string out, err;
+};
+
+Outcome runCommand(const std::vector<std::string>& words) {
+    CancelToken cancel;
+    std::istringstream in;
+    std::ostringstream out, err;
+    int status = cli::CommandLine::run(words, {}, cancel, in, out, err);
+    return {status, out.str(), err.str()};
+}
+
+TEST(CorvaneCommand, ParsesWellFormedCommandsOnly) {
+    struct Case {
+        std::string url;
+        std::optional<CorvaneCommand> expected;
+    };
+    const Case cases[] = {
+        {"corvane://lock?path=%2FUsers%2Fa%2FMy%20Files&path=%2FUsers%2Fa%2Fx%26y",
+         CorvaneCommand{Kind::lock, {"/Users/a/My Files", "/Users/a/x&y"}}},
+        {"corvane://unlock?path=/a/S.corvlock", CorvaneCommand{Kind::unlock, {"/a/S.corvlock"}}},
+        {"corvane://unlock?path=/a&path=/b", std::nullopt},
+        {"corvane://lock-now?path=/a&path=/b", CorvaneCommand{Kind::lockNow, {"/a", "/b"}}},
+        {"corvane://remove-lock?path=/a", CorvaneCommand{Kind::removeLock, {"/a"}}},
+        {"corvane://reveal?path=/a&path=/b", std::nullopt},
+        {"corvane://lock?path=relative", std::nullopt},
+        {"corvane://lock?path=relative&path=/b", CorvaneCommand{Kind::lock, {"/b"}}},
+        {"CORVANE://lock?path=/a", std::nullopt},
+        {"corvane:lock?path=/a", std::nullopt},
+        {"corvane://?path=/a", std::nullopt},
+        {"corvane://open?path=/a", std::nullopt},
+        {"corvane://LOCK?path=/a", std::nullopt},
+        {"corvane://lock", std::nullopt},
+        {"corvane://lock?path&path=/a&path=", CorvaneCommand{Kind::lock, {"/a"}}},
+        {"corvane://lock?from=x&Path=/b&path=/a#top", CorvaneCommand{Kind::lock, {"/a"}}},
+        {"corvane://u@lock:80/more?path=/a", CorvaneCommand{Kind::lock, {"/a"}}},
+        {"corvane://lock:x?path=/a", std::nullopt},
+        {"corvane://lock?path=%2Fa%zz", std::nullopt},
+        {"corvane://lock?path=/a%2", std::nullopt},
+        {"corvane://lock?path=/a&x=%G0", std::nullopt},
+        {"corvane://lock?path=/a b", std::nullopt},
+        {"corvane://lock?path=/a+b", CorvaneCommand{Kind::lock, {"/a+b"}}},
+        {"corvane://lock?path=/a%00b&path=/c", CorvaneCommand{Kind::lock, {"/c"}}},
+        {"corvane://lock?path=%2F%FF%fe", CorvaneCommand{Kind::lock, {"/\xFF\xFE"}}},
+        {"corvane://lock?path=/" + std::string(CorvaneCommand::maximumURLSize, 'a'), std::nullopt},
+    };
+    for (const auto& each : cases)
+        EXPECT_EQ(CorvaneCommand::parse(each.url), each.expected) << each.url.substr(0, 80);
+}
+
+TEST(CorvaneCommand, EncodesEveryByteOutsideTheQuerySetLessSeparatorsAndSlash) {
+    EXPECT_EQ((CorvaneCommand{Kind::lock, {"/a b&c=d+e#f?g%h:@!$'()*,;~-._\xFF", "/z"}}.url()),
+              "corvane://lock?path=%2Fa%20b%26c%3Dd%2Be%23f%3Fg%25h:@!$'()*,;~-._%FF&path=%2Fz");
+}
+
+TEST(CorvaneCommand, EveryActionRoundTripsThroughItsURL) {
+    const std::vector<std::string> paths = {"/My Files/x&y", "/h#?",      "/p+q=r",      "/50%",
+                                            "/\xC3\x28\xFF", "/\n\t\x7F", "/a:@!$'()*,;"};
+    for (auto kind : {Kind::lock, Kind::unlock, Kind::lockNow, Kind::removeLock, Kind::reveal}) {
+        bool several = kind == Kind::lock || kind == Kind::lockNow;
+        for (std::size_t i = 0; i < (several ? 1 : paths.size()); ++i) {
+            CorvaneCommand command{kind, several ? paths : std::vector{paths[i]}};
+            EXPECT_EQ(CorvaneCommand::parse(command.url()), command) << command.url();
+        }
+    }
+}
+
+TEST(CorvaneCommand, OnlyLocksFromUntrustedSendersNeedConfirmation) {
+    struct Case {
+        Kind kind;
+        std::optional<std::string> sender;
+        bool testOverride, expected;
+    };
+    const Case cases[] = {
+        {Kind::lock, std::nullopt, false, true},
+        {Kind::lock, "com.pellmoor.corvane", false, false},
+        {Kind::lockNow, "com.pellmoor.corvane.finder", false, false},
+        {Kind::lock, "com.pellmoor.corvane.finderx", false, true},
+        {Kind::lock, "com.pellmoor.corvane.e2e", false, true},
+        {Kind::lockNow, "com.pellmoor.corvane.e2e", true, false},
+        {Kind::lock, "org.other", true, true},
+        {Kind::unlock, std::nullopt, false, false},
+        {Kind::removeLock, "org.other", false, false},
+        {Kind::reveal, std::nullopt, false, false},
+    };
+    for (const auto& each : cases) {
+        CorvaneCommand command{each.kind, {"/a"}};
+        EXPECT_EQ(command.needsConfirmation(each.sender, each.testOverride), each.expected)
+            << int(each.kind) << " " << each.sender.value_or("(none)");
+    }
+}
+
+TEST(CorvaneCommand, ConfirmationNamesTheItems) {
+    EXPECT_EQ((CorvaneCommand{Kind::lock, {"/a/Secret.corvlock"}}.confirmationQuestion()),
+              "Another app asked Corvane to lock Secret. Lock it?");
+    EXPECT_EQ((CorvaneCommand{Kind::lock, {"/a/One", "/b/Two.corvlock", "/Three/"}}
+                   .confirmationQuestion()),
+              "Another app asked Corvane to lock One, Two and Three. Lock them?");
+}
+
+TEST(FileManagerMenuModel, EntriesFollowTheSelectionAndWhatIsUnlocked) {
+    TempDir root;
+    std::string a = root / "A.corvlock", b = root / "B.corvlock", c = root / "C.corvlock";
+    std::string notes = root / "notes.txt", viaLink = root / "link/A.corvlock";
+    for (const auto& folder : {a, b, c}) std::filesystem::create_directory(folder);
+    std::filesystem::create_directory_symlink(root.path(), root / "link");
+    using Unlocked = std::optional<std::set<std::string>>;
+    const Unlocked onlyA = std::set{a}, aAndCThroughLink = std::set{a, root / "link/C.corvlock"};
+    auto entry = [](std::string title, Kind kind, std::vector<std::string> paths) {
+        return FileManagerMenuEntry{std::move(title), {kind, std::move(paths)}};
+    };
+    struct Case {
+        std::vector<std::string> selection;
+        Unlocked unlocked;
+        std::vector<FileManagerMenuEntry> expected;
+    };
+    const Case cases[] = {
+        {{}, std::nullopt, {}},
+        {{notes, root.path()},
+         onlyA,
+         {entry("Lock with Corvane", Kind::lock, {notes, root.path()})}},
+        {{root / "X.CORVLOCK"},
+         onlyA,
+         {entry("Lock with Corvane", Kind::lock, {root / "X.CORVLOCK"})}},
+        {{a},
+         onlyA,
+         {entry("Lock Now", Kind::lockNow, {a}), entry("Show Unlocked Files", Kind::reveal, {a})}},
+        {{viaLink},
+         onlyA,
+         {entry("Lock Now", Kind::lockNow, {viaLink}),
+          entry("Show Unlocked Files", Kind::reveal, {viaLink})}},
+        {{b},
+         onlyA,
+         {entry("Unlock with Corvane", Kind::unlock, {b}),
+          entry("Remove Lock…", Kind::removeLock, {b})}},
+        {{b},
+         std::nullopt,
+         {entry("Unlock with Corvane", Kind::unlock, {b}), entry("Lock Now", Kind::lockNow, {b}),
+          entry("Remove Lock…", Kind::removeLock, {b})}},
+        {{a, notes}, onlyA, {}},
+        {{a, b, c}, aAndCThroughLink, {entry("Lock Now", Kind::lockNow, {a, c})}},
+        {{b, c}, onlyA, {}},
+        {{a, b}, std::nullopt, {entry("Lock Now", Kind::lockNow, {a, b})}},
+    };
+    for (std::size_t i = 0; i < std::size(cases); ++i)
+        EXPECT_EQ(FileManagerMenuModel::entries(cases[i].selection, cases[i].unlocked),
+                  cases[i].expected)
+            << "case " << i;
+}
+
+TEST(MenuCommand, ReadsTheSharedStateAndFallsBackToUnknown) {
+    TempDir root;
+    ScopedVariable runtime{"XDG_RUNTIME_DIR", root / "run"};
+    std::string a = root / "A.corvlock", statePath = *SharedState::defaultURL();
+    std::filesystem::create_directories(root / "run/corvane");
+    const std::string unlockedEntries = "Lock Now\t" + CorvaneCommand{Kind::lockNow, {a}}.url() +
+                                        "\nShow Unlocked Files\t" +
+                                        CorvaneCommand{Kind::reveal, {a}}.url() + "\n";
+    struct Case {
+        std::function<void()> makeState;
+        std::vector<std::string> titles;
+    };
+    const std::vector<std::string> unknown = {"Unlock with Corvane", "Lock Now", "Remove Lock…"};
+    const Case cases[] = {
+        {[&] {
+             SharedState{{a}, SharedState::currentBootTime()}.write(statePath);
+         },
+         {"Lock Now", "Show Unlocked Files"}},
+        {[&] {
+             SharedState{{a}, SharedState::currentBootTime() - 60}.write(statePath);
+         },
+         unknown},
+        {[] {}, unknown},
+        {[&] { mkfifo(statePath.c_str(), 0600); }, unknown},
+    };
+    for (const auto& each : cases) {
+        std::filesystem::remove(statePath);
+        each.makeState();
+        Outcome json = runCommand({"menu", "--json", a});
+        ASSERT_EQ(json.status, 0) << json.err;
+        std::vector<std::string> titles;
+        for (const auto& entry : nlohmann::json::parse(json.out)) {
+            titles.push_back(entry.at("title"));
+            EXPECT_TRUE(CorvaneCommand::parse(entry.at("url").get<std::string>()));
+        }
+        EXPECT_EQ(titles, each.titles);
+    }
+
+    SharedState{{a}, SharedState::currentBootTime()}.write(statePath);
+    auto folder = std::filesystem::current_path();
+    std::filesystem::current_path(root.path());
+    Outcome plain = runCommand({"menu", "A.corvlock"});
+    std::filesystem::current_path(folder);
+    EXPECT_EQ(plain.out, unlockedEntries) << "a relative path is taken from the working folder";
+}
+
+// The application's end of the command socket: takes one peer and keeps the line it sent.
+class Listener {
+public:
+    explicit Listener(const std::string& path) {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::strcpy(address.sun_path, path.c_str());
+        fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+            listen(fd_, 4) != 0 || pipe(stop_) != 0)
+            ADD_FAILURE() << "cannot listen at " << path;
+        thread_ = std::thread([this] {
+            pollfd ready[] = {{fd_, POLLIN, 0}, {stop_[0], POLLIN, 0}};
+            if (poll(ready, 2, 15000) != 1 || !(ready[0].revents & POLLIN)) return;
+            int peer = accept(fd_, nullptr, nullptr);
+            char c;
+            while (read(peer, &c, 1) == 1 && c != '\n') line_ += c;
+            close(peer);
+        });
+    }
+    ~Listener() {
+        stop();
+        for (int fd : {fd_, stop_[0], stop_[1]}) close(fd);
+    }
+    // What a peer sent before now, or "" when none came.
+    std::string stop() {
+        if (thread_.joinable()) {
+            (void)!write(stop_[1], "", 1);
+            thread_.join();
+        }
+        return line_;
+    }
+    std::string line() {
+        if (thread_.joinable()) thread_.join();
+        return line_;
+    }
+
+private:
+    int fd_ = -1, stop_[2] = {-1, -1};
+    std::string line_;
+    std::thread thread_;
+};
+
+class OpenUrlCommand : public ::testing::Test {
+protected:
+    void SetUp() override {
+        std::filesystem::create_directories(root / "run/corvane");
+        std::filesystem::create_directories(root / "bin");
+    }
+    // A stand-in application on PATH that notes its arguments, whether it leads its own
+    // session, its input and its folder.
+    void provideApplication() {
+        writeFile(root / "bin/corvane-app",
+                  "#!/bin/sh\nread -r pid name state parent group session rest < /proc/$$/stat\n"
+                  "echo \"$* $((session == $$)) $(/usr/bin/readlink /proc/$$/fd/0) $(pwd)\" > " +
+                      mark + ".new\n/usr/bin/mv " + mark + ".new " + mark + "\n");
+        chmod((root / "bin/corvane-app").c_str(), 0755);
+    }
+    Outcome timedRun(const std::string& url, double& seconds) {
+        auto start = Clock::now();
+        Outcome outcome = runCommand({"open-url", url});
+        seconds = std::chrono::duration<double>(Clock::now() - start).count();
+        return outcome;
+    }
+
+    TempDir root;
+    ScopedVariable runtime{"XDG_RUNTIME_DIR", root / "run"};
+    ScopedVariable path{"PATH", root / "bin"};
+    ScopedVariable limit{"CORVANE_OPEN_URL_TIMEOUT_MS", "4000"};
+    std::string socketPath = root / "run/corvane/command.sock", mark = root / "started";
+    std::string command = "corvane://reveal?path=/a";
+};
+
+TEST_F(OpenUrlCommand, DeliversCommandsAndOpensLockedItemsAsUnlock) {
+    const std::pair<std::string, std::string> cases[] = {
+        {"corvane://lock?path=%2Fa&path=/b%20c#x", "corvane://lock?path=%2Fa&path=/b%20c#x"},
+        {"/home/u/My Secret.corvlock",
+         CorvaneCommand{Kind::unlock, {"/home/u/My Secret.corvlock"}}.url()},
+        {"file:///home/u/A%26B.corvlock",
+         CorvaneCommand{Kind::unlock, {"/home/u/A&B.corvlock"}}.url()},
+        {"file://localhost/x/S.corvlock/", CorvaneCommand{Kind::unlock, {"/x/S.corvlock"}}.url()},
+    };
+    for (const auto& [url, line] : cases) {
+        std::filesystem::remove(socketPath);
+        Listener listener(socketPath);
+        Outcome outcome = runCommand({"open-url", url});
+        EXPECT_EQ(outcome.status, 0) << outcome.err;
+        EXPECT_EQ(listener.line(), line);
+    }
+}
+
+TEST_F(OpenUrlCommand, RefusesWhatItMustNotSendWithoutStartingTheApplication) {
+    provideApplication();
+    struct Case {
+        std::string url;
+        std::function<std::unique_ptr<Listener>()> prepare;
+        std::string reason;
+    };
+    auto nothing = [] { return std::unique_ptr<Listener>(); };
+    const Case cases[] = {
+        {"corvane://unlock?path=/a&path=/b", nothing, "neither a Corvane command"},
+        {"/tmp/notes.txt", nothing, "neither a Corvane command"},
+        {"S.corvlock", nothing, "neither a Corvane command"},
+        {"file://elsewhere/S.corvlock", nothing, "neither a Corvane command"},
+        {"file:///S%00.corvlock", nothing, "neither a Corvane command"},
+        {command,
+         [&] {
+             writeFile(socketPath, "");
+             return nullptr;
+         },
+         "is not a socket"},
+        {command,
+         [&] {
+             auto real = std::make_unique<Listener>(root / "real.sock");
+             std::filesystem::create_symlink(root / "real.sock", socketPath);
+             return real;
+         },
+         "is not a socket"},
+        {command,
+         [&] {
+             auto listener = std::make_unique<Listener>(socketPath);
+             EXPECT_EQ(chown(socketPath.c_str(), kNobody, kNobody), 0);
+             return listener;
+         },
+         "belongs to another user"},
+    };
+    for (const auto& each : cases) {
+        std::filesystem::remove(socketPath);
+        std::filesystem::remove(root / "real.sock");
+        auto listener = each.prepare();
+        double seconds = 0;
+        Outcome outcome = timedRun(each.url, seconds);
+        EXPECT_EQ(outcome.status, 1) << each.url;
+        EXPECT_NE(outcome.err.find(each.reason), std::string::npos) << outcome.err;
+        EXPECT_LT(seconds, 1.0) << each.url;
+        if (listener) {
+            EXPECT_EQ(listener->stop(), "") << each.url;
+        }
+        EXPECT_FALSE(std::filesystem::exists(mark)) << each.url;
+    }
+}
+
+TEST_F(OpenUrlCommand, NoApplicationToStartFailsAtOnce) {
+    double seconds = 0;
+    Outcome outcome = timedRun(command, seconds);
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.err, "Corvane is not running and could not be started.\n");
+    EXPECT_LT(seconds, 1.0);
+}
+
+TEST_F(OpenUrlCommand, StartsTheApplicationDetachedAndGivesUpAtTheTimeLimit) {
+    provideApplication();
+    ScopedVariable shortLimit{"CORVANE_OPEN_URL_TIMEOUT_MS", "700"};
+    double seconds = 0;
+    Outcome outcome = timedRun(command, seconds);
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.err, "Corvane did not answer within 700 milliseconds.\n");
+    EXPECT_GE(seconds, 0.65);
+    EXPECT_LT(seconds, 2.0);
+    EXPECT_EQ(readFile(mark), "--background 1 /dev/null /\n");
+}
+
+TEST_F(OpenUrlCommand, ReachesTheApplicationOnceItListens) {
+    provideApplication();
+    {  // left behind by a copy that ended without removing it
+        Listener stale(socketPath);
+    }
+    std::optional<Listener> listener;
+    std::thread application([&] {
+        for (int i = 0; i < 300 && !std::filesystem::exists(mark); ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        std::filesystem::remove(socketPath);
+        listener.emplace(socketPath);
+    });
+    Outcome outcome = runCommand({"open-url", command});
+    application.join();
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    EXPECT_EQ(listener->line(), command);
+}
+
+}  // namespace
+}  // namespace corvane
