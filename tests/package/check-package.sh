@@ -71,7 +71,7 @@ EOF
     find "$menus" -type f -name '*.desktop' -printf '-rwxr-xr-x /usr/share/kio/servicemenus/%f\n' 2>/dev/null
 )
 while read -r mode path; do
-    grep -qxF "$mode root/root $path" "$work/contents" ||
+    grep -qxF -e "$mode root/root $path" "$work/contents" ||
         fail "$path with $mode root/root is not in the package: $(grep -F " $path" "$work/contents" || true)"
 done <<<"$expected"
 # Nothing beyond them but folders.
