@@ -113,7 +113,7 @@ TEST(CorvaneCommand, OnlyLocksFromUntrustedSendersNeedConfirmation) {
         {Kind::lock, "org.other", true, true},
         {Kind::unlock, std::nullopt, false, false},
         {Kind::removeLock, "org.other", false, false},
-        {Kind::reveal, std::nullopt, false, false},
+        {Kind::reveal, "org.other", true, false},
     };
     for (const auto& each : cases) {
         CorvaneCommand command{each.kind, {"/a"}};
@@ -130,52 +130,51 @@ TEST(CorvaneCommand, ConfirmationNamesTheItems) {
               "Another app asked Corvane to lock One, Two and Three. Lock them?");
 }
 
+// Entries as "Title=host(names)", names relative to `root`.
+std::string described(const std::vector<FileManagerMenuEntry>& entries, const std::string& root) {
+    std::string text;
+    for (const auto& entry : entries) {
+        text += (text.empty() ? "" : " ") + entry.title + "=" +
+                std::string(CorvaneCommand::hosts[std::size_t(entry.command.kind)]) + "(";
+        for (const auto& path : entry.command.paths)
+            text += (text.back() == '(' ? "" : ",") + path.substr(root.size() + 1);
+        text += ")";
+    }
+    return text;
+}
+
 TEST(FileManagerMenuModel, EntriesFollowTheSelectionAndWhatIsUnlocked) {
     TempDir root;
     std::string a = root / "A.corvlock", b = root / "B.corvlock", c = root / "C.corvlock";
     std::string notes = root / "notes.txt", viaLink = root / "link/A.corvlock";
-    for (const auto& folder : {a, b, c}) std::filesystem::create_directory(folder);
     std::filesystem::create_directory_symlink(root.path(), root / "link");
-    using Unlocked = std::optional<std::set<std::string>>;
-    const Unlocked onlyA = std::set{a}, aAndCThroughLink = std::set{a, root / "link/C.corvlock"};
-    auto entry = [](std::string title, Kind kind, std::vector<std::string> paths) {
-        return FileManagerMenuEntry{std::move(title), {kind, std::move(paths)}};
-    };
+    const std::optional<std::set<std::string>> unknown,
+        onlyA = std::set{a}, aAndCThroughLink = {{a, root / "link/C.corvlock"}};
     struct Case {
         std::vector<std::string> selection;
-        Unlocked unlocked;
-        std::vector<FileManagerMenuEntry> expected;
+        std::optional<std::set<std::string>> unlocked;
+        std::string expected;
     };
     const Case cases[] = {
-        {{}, std::nullopt, {}},
-        {{notes, root.path()},
-         onlyA,
-         {entry("Lock with Corvane", Kind::lock, {notes, root.path()})}},
-        {{root / "X.CORVLOCK"},
-         onlyA,
-         {entry("Lock with Corvane", Kind::lock, {root / "X.CORVLOCK"})}},
-        {{a},
-         onlyA,
-         {entry("Lock Now", Kind::lockNow, {a}), entry("Show Unlocked Files", Kind::reveal, {a})}},
+        {{}, unknown, ""},
+        {{notes, b + "x"}, onlyA, "Lock with Corvane=lock(notes.txt,B.corvlockx)"},
+        {{root / "X.CORVLOCK"}, onlyA, "Lock with Corvane=lock(X.CORVLOCK)"},
+        {{a}, onlyA, "Lock Now=lock-now(A.corvlock) Show Unlocked Files=reveal(A.corvlock)"},
         {{viaLink},
          onlyA,
-         {entry("Lock Now", Kind::lockNow, {viaLink}),
-          entry("Show Unlocked Files", Kind::reveal, {viaLink})}},
+         "Lock Now=lock-now(link/A.corvlock) Show Unlocked Files=reveal(link/A.corvlock)"},
+        {{b}, onlyA, "Unlock with Corvane=unlock(B.corvlock) Remove Lock…=remove-lock(B.corvlock)"},
         {{b},
-         onlyA,
-         {entry("Unlock with Corvane", Kind::unlock, {b}),
-          entry("Remove Lock…", Kind::removeLock, {b})}},
-        {{b},
-         std::nullopt,
-         {entry("Unlock with Corvane", Kind::unlock, {b}), entry("Lock Now", Kind::lockNow, {b}),
-          entry("Remove Lock…", Kind::removeLock, {b})}},
-        {{a, notes}, onlyA, {}},
-        {{a, b, c}, aAndCThroughLink, {entry("Lock Now", Kind::lockNow, {a, c})}},
-        {{b, c}, onlyA, {}},
-        {{a, b}, std::nullopt, {entry("Lock Now", Kind::lockNow, {a, b})}},
+         unknown,
+         "Unlock with Corvane=unlock(B.corvlock) Lock Now=lock-now(B.corvlock) Remove Lock…=remove-lock(B.corvlock)"},
+        {{a, notes}, onlyA, ""},
+        {{a, b, c}, aAndCThroughLink, "Lock Now=lock-now(A.corvlock,C.corvlock)"},
+        {{b, c}, onlyA, ""},
+        {{a, b}, unknown, "Lock Now=lock-now(A.corvlock,B.corvlock)"},
     };
     for (std::size_t i = 0; i < std::size(cases); ++i)
-        EXPECT_EQ(FileManagerMenuModel::entries(cases[i].selection, cases[i].unlocked),
+        EXPECT_EQ(described(FileManagerMenuModel::entries(cases[i].selection, cases[i].unlocked),
+                            root.path()),
                   cases[i].expected)
             << "case " << i;
 }
@@ -185,29 +184,15 @@ TEST(MenuCommand, ReadsTheSharedStateAndFallsBackToUnknown) {
     ScopedVariable runtime{"XDG_RUNTIME_DIR", root / "run"};
     std::string a = root / "A.corvlock", statePath = *SharedState::defaultURL();
     std::filesystem::create_directories(root / "run/corvane");
-    const std::string unlockedEntries = "Lock Now\t" + CorvaneCommand{Kind::lockNow, {a}}.url() +
-                                        "\nShow Unlocked Files\t" +
-                                        CorvaneCommand{Kind::reveal, {a}}.url() + "\n";
-    struct Case {
-        std::function<void()> makeState;
-        std::vector<std::string> titles;
-    };
-    const std::vector<std::string> unknown = {"Unlock with Corvane", "Lock Now", "Remove Lock…"};
-    const Case cases[] = {
-        {[&] {
-             SharedState{{a}, SharedState::currentBootTime()}.write(statePath);
-         },
-         {"Lock Now", "Show Unlocked Files"}},
-        {[&] {
-             SharedState{{a}, SharedState::currentBootTime() - 60}.write(statePath);
-         },
-         unknown},
-        {[] {}, unknown},
-        {[&] { mkfifo(statePath.c_str(), 0600); }, unknown},
-    };
-    for (const auto& each : cases) {
+    const std::vector<std::string> unlocked = {"Lock Now", "Show Unlocked Files"},
+                                   unknown = {"Unlock with Corvane", "Lock Now", "Remove Lock…"};
+    const std::pair<std::string, std::vector<std::string>> cases[] = {
+        {"this boot", unlocked}, {"earlier boot", unknown}, {"none", unknown}, {"FIFO", unknown}};
+    for (const auto& [state, expected] : cases) {
         std::filesystem::remove(statePath);
-        each.makeState();
+        auto boot = SharedState::currentBootTime() - (state == "earlier boot" ? 60 : 0);
+        if (state.ends_with("boot")) SharedState{{a}, boot}.write(statePath);
+        if (state == "FIFO") mkfifo(statePath.c_str(), 0600);
         Outcome json = runCommand({"menu", "--json", a});
         ASSERT_EQ(json.status, 0) << json.err;
         std::vector<std::string> titles;
@@ -215,7 +200,7 @@ TEST(MenuCommand, ReadsTheSharedStateAndFallsBackToUnknown) {
             titles.push_back(entry.at("title"));
             EXPECT_TRUE(CorvaneCommand::parse(entry.at("url").get<std::string>()));
         }
-        EXPECT_EQ(titles, each.titles);
+        EXPECT_EQ(titles, expected) << state;
     }
 
     SharedState{{a}, SharedState::currentBootTime()}.write(statePath);
@@ -223,7 +208,10 @@ TEST(MenuCommand, ReadsTheSharedStateAndFallsBackToUnknown) {
     std::filesystem::current_path(root.path());
     Outcome plain = runCommand({"menu", "A.corvlock"});
     std::filesystem::current_path(folder);
-    EXPECT_EQ(plain.out, unlockedEntries) << "a relative path is taken from the working folder";
+    std::string expected = "Lock Now\t" + CorvaneCommand{Kind::lockNow, {a}}.url() +
+                           "\nShow Unlocked Files\t" + CorvaneCommand{Kind::reveal, {a}}.url() +
+                           "\n";
+    EXPECT_EQ(plain.out, expected) << "a relative path is taken from the working folder";
 }
 
 // The application's end of the command socket: takes one peer and keeps the line it sent.
@@ -235,11 +223,11 @@ public:
         std::strcpy(address.sun_path, path.c_str());
         fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
         if (bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-            listen(fd_, 4) != 0 || pipe(stop_) != 0)
+            listen(fd_, 4) != 0)
             ADD_FAILURE() << "cannot listen at " << path;
         thread_ = std::thread([this] {
-            pollfd ready[] = {{fd_, POLLIN, 0}, {stop_[0], POLLIN, 0}};
-            if (poll(ready, 2, 15000) != 1 || !(ready[0].revents & POLLIN)) return;
+            pollfd ready{fd_, POLLIN, 0};
+            if (poll(&ready, 1, 15000) != 1 || !(ready.revents & POLLIN)) return;
             int peer = accept(fd_, nullptr, nullptr);
             char c;
             while (read(peer, &c, 1) == 1 && c != '\n') line_ += c;
@@ -248,15 +236,12 @@ public:
     }
     ~Listener() {
         stop();
-        for (int fd : {fd_, stop_[0], stop_[1]}) close(fd);
+        close(fd_);
     }
-    // What a peer sent before now, or "" when none came.
+    // What a peer sent before now, or "" when none came. Shutting the socket down wakes the poll.
     std::string stop() {
-        if (thread_.joinable()) {
-            (void)!write(stop_[1], "", 1);
-            thread_.join();
-        }
-        return line_;
+        shutdown(fd_, SHUT_RDWR);
+        return line();
     }
     std::string line() {
         if (thread_.joinable()) thread_.join();
@@ -264,7 +249,7 @@ public:
     }
 
 private:
-    int fd_ = -1, stop_[2] = {-1, -1};
+    int fd_ = -1;
     std::string line_;
     std::thread thread_;
 };
@@ -320,49 +305,39 @@ TEST_F(OpenUrlCommand, DeliversCommandsAndOpensLockedItemsAsUnlock) {
 TEST_F(OpenUrlCommand, RefusesWhatItMustNotSendWithoutStartingTheApplication) {
     provideApplication();
     struct Case {
-        std::string url;
-        std::function<std::unique_ptr<Listener>()> prepare;
-        std::string reason;
+        std::string url, atSocket, reason;
     };
-    auto nothing = [] { return std::unique_ptr<Listener>(); };
+    const std::string notACommand = "neither a Corvane command";
     const Case cases[] = {
-        {"corvane://unlock?path=/a&path=/b", nothing, "neither a Corvane command"},
-        {"/tmp/notes.txt", nothing, "neither a Corvane command"},
-        {"S.corvlock", nothing, "neither a Corvane command"},
-        {"file://elsewhere/S.corvlock", nothing, "neither a Corvane command"},
-        {"file:///S%00.corvlock", nothing, "neither a Corvane command"},
-        {command,
-         [&] {
-             writeFile(socketPath, "");
-             return nullptr;
-         },
-         "is not a socket"},
-        {command,
-         [&] {
-             auto real = std::make_unique<Listener>(root / "real.sock");
-             std::filesystem::create_symlink(root / "real.sock", socketPath);
-             return real;
-         },
-         "is not a socket"},
-        {command,
-         [&] {
-             auto listener = std::make_unique<Listener>(socketPath);
-             EXPECT_EQ(chown(socketPath.c_str(), kNobody, kNobody), 0);
-             return listener;
-         },
-         "belongs to another user"},
+        {"corvane://unlock?path=/a&path=/b", "", notACommand},
+        {"/tmp/notes.txt", "", notACommand},
+        {"S.corvlock", "", notACommand},
+        {"file://elsewhere/S.corvlock", "", notACommand},
+        {"file:///S%00.corvlock", "", notACommand},
+        {command, "a file", "is not a socket"},
+        {command, "a link to a listener", "is not a socket"},
+        {command, "another user's listener", "belongs to another user"},
     };
     for (const auto& each : cases) {
         std::filesystem::remove(socketPath);
         std::filesystem::remove(root / "real.sock");
-        auto listener = each.prepare();
+        std::unique_ptr<Listener> listener;
+        if (each.atSocket == "a file") writeFile(socketPath, "");
+        if (each.atSocket == "a link to a listener") {
+            listener = std::make_unique<Listener>(root / "real.sock");
+            std::filesystem::create_symlink(root / "real.sock", socketPath);
+        }
+        if (each.atSocket == "another user's listener") {
+            listener = std::make_unique<Listener>(socketPath);
+            ASSERT_EQ(chown(socketPath.c_str(), kNobody, kNobody), 0);
+        }
         double seconds = 0;
         Outcome outcome = timedRun(each.url, seconds);
         EXPECT_EQ(outcome.status, 1) << each.url;
         EXPECT_NE(outcome.err.find(each.reason), std::string::npos) << outcome.err;
         EXPECT_LT(seconds, 1.0) << each.url;
         if (listener) {
-            EXPECT_EQ(listener->stop(), "") << each.url;
+            EXPECT_EQ(listener->stop(), "") << each.atSocket;
         }
         EXPECT_FALSE(std::filesystem::exists(mark)) << each.url;
     }
