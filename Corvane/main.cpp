@@ -10,6 +10,7 @@
 #include "AppDelegate.h"
 #include "AppModel.h"
 #include "AutoStart.h"
+#include "CommandReceiver.h"
 #include "DBusNotifier.h"
 #include "InstanceChannel.h"
 #include "ItemListWindow.h"
@@ -59,6 +60,9 @@ int main(int argc, char** argv) {
     InstanceChannel channel;
     channel.listen();
     AppDelegate delegate(model, prompts);
+    CommandReceiver receiver(model, prompts, notifier);
+    QObject::connect(&channel, &InstanceChannel::messageReceived, &receiver,
+                     &CommandReceiver::receive);
 
     ItemListWindow list;
     list.connectToModel(model);

@@ -12,23 +12,19 @@ namespace corvane::testing {
 namespace {
 
 using Facts = SenderCheck::Facts;
-constexpr auto application = SenderCheck::application;
-constexpr auto menu = SenderCheck::fileManagerMenu;
-constexpr auto endToEnd = SenderCheck::endToEndTest;
+using Sender = std::optional<std::string>;
+const Sender application(SenderCheck::application), menu(SenderCheck::fileManagerMenu),
+    endToEnd(SenderCheck::endToEndTest), unknown;
 
-std::string copyProgram(const std::string& from, const std::string& to, mode_t mode = 0755) {
+std::string copyProgram(const std::string& from, const std::string& to) {
     std::filesystem::create_directories(std::filesystem::path(to).parent_path());
     std::filesystem::copy_file(from, to);
-    chmod(to.c_str(), mode);
+    chmod(to.c_str(), 0755);
     return to;
 }
 
-std::string ownExecutable() {
-    return std::filesystem::read_symlink("/proc/self/exe");
-}
-
-// The application's folder with `corvane` beside it, and programs that stand in for a file
-// manager (its name has parentheses and spaces, as a command name may), a launcher and a terminal.
+// The application's folder with `corvane` beside it, and shells standing in for a file manager
+// (named with parentheses and spaces, as a command name may be), a launcher and a terminal.
 struct Installation {
     TempDir root;
     std::string app = copyProgram("/usr/bin/sleep", root / "bin/corvane-app");
@@ -36,191 +32,143 @@ struct Installation {
     std::string fileManager = copyProgram("/usr/bin/dash", root / "fm/files) 1 (x");
     std::string launcher = copyProgram("/usr/bin/dash", root / "fm/kioexec");
     std::string terminal = copyProgram("/usr/bin/dash", root / "fm/terminal");
-
-    Facts facts() const { return {app, {"/usr/bin/nautilus", fileManager}, false, geteuid()}; }
+    Facts facts{app, {"/usr/bin/nautilus", fileManager}, false, geteuid()};
 };
 
-// `program` started by a chain of shells, outermost first, each staying the parent of the next;
-// with no shells, this test process is its parent. Ending the program lets every level end and
-// be reaped by the one above it.
-class ProcessChain {
-public:
-    ProcessChain(const std::vector<std::string>& shells, const std::string& program) {
-        std::vector<std::string> argv;
-        for (const auto& shell : shells) argv.insert(argv.end(), {shell, "-c", "\"$@\"; :", shell});
-        // The last shell reports its id and becomes the program.
-        argv.insert(argv.end(),
-                    {"/bin/sh", "-c", "echo $$ >&3; exec \"$@\" 3>&-", "sh", program, "60"});
-        int fds[2];
-        if (pipe(fds) != 0) return;
-        top_ = fork();
-        if (top_ == 0) {
-            setpgid(0, 0);
-            dup2(fds[1], 3);
-            // Shells report the program's end by signal; that is expected here.
-            int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
-            dup2(null, 2);
-            std::vector<char*> args;
-            for (auto& arg : argv) args.push_back(arg.data());
-            args.push_back(nullptr);
-            execv(args[0], args.data());
-            _exit(127);
-        }
-        close(fds[1]);
-        std::string text;
-        pollfd readable{fds[0], POLLIN, 0};
-        char buffer[32];
-        while (text.find('\n') == std::string::npos && poll(&readable, 1, 5000) > 0) {
-            ssize_t n = read(fds[0], buffer, sizeof buffer);
-            if (n <= 0) break;
-            text.append(buffer, std::size_t(n));
-        }
-        close(fds[0]);
-        pid_ = std::atoi(text.c_str());
-        // Until the exec has happened, the process still runs the shell.
-        for (int i = 0; pid_ > 0 && i < 500 && !runs(program); ++i) usleep(10'000);
+// `program` started through `shells`, outermost first, each staying the parent of the next (with
+// none, this process is its parent); the sender it is taken for. Ending the program lets each
+// level end and be reaped by the one above.
+Sender senderOf(const std::vector<std::string>& shells, const std::string& program,
+                const Facts& facts) {
+    std::vector<std::string> argv;
+    for (const auto& shell : shells) argv.insert(argv.end(), {shell, "-c", "\"$@\"; :", shell});
+    argv.insert(argv.end(),
+                {"/bin/sh", "-c", "echo $$ >&3; exec \"$@\" 3>&-", "sh", program, "60"});
+    int fds[2];
+    if (pipe(fds) != 0) return "no pipe";
+    pid_t top = fork();
+    if (top == 0) {
+        dup2(fds[1], 3);
+        // Shells report the program's end by a signal; expected here.
+        dup2(open("/dev/null", O_WRONLY | O_CLOEXEC), 2);
+        std::vector<char*> args;
+        for (auto& arg : argv) args.push_back(arg.data());
+        args.push_back(nullptr);
+        execv(args[0], args.data());
+        _exit(127);
     }
-    ~ProcessChain() {
-        if (pid_ > 0)
-            kill(pid_, SIGKILL);
-        else if (top_ > 0)
-            kill(-top_, SIGKILL);
-        if (top_ > 0) waitpid(top_, nullptr, 0);
-    }
-    ProcessChain(const ProcessChain&) = delete;
-    ProcessChain& operator=(const ProcessChain&) = delete;
-
-    pid_t pid() const { return pid_; }
-
-private:
-    bool runs(const std::string& program) const {
-        struct stat running {
-        }, wanted{};
-        return stat(("/proc/" + std::to_string(pid_) + "/exe").c_str(), &running) == 0 &&
-               stat(program.c_str(), &wanted) == 0 && running.st_ino == wanted.st_ino;
-    }
-
-    pid_t top_ = -1;
-    pid_t pid_ = -1;
-};
-
-std::optional<std::string> senderOf(const std::vector<std::string>& shells,
-                                    const std::string& program, const Facts& facts) {
-    ProcessChain chain(shells, program);
-    EXPECT_GT(chain.pid(), 0) << program;
-    return SenderCheck::senderIdentifier(chain.pid(), facts);
+    close(fds[1]);
+    char text[32] = {};
+    pollfd readable{fds[0], POLLIN, 0};
+    if (poll(&readable, 1, 5000) > 0) (void)!read(fds[0], text, sizeof text - 1);
+    close(fds[0]);
+    pid_t pid = std::atoi(text);
+    // Until its exec, the process still runs the shell.
+    struct stat running {
+    }, wanted{};
+    stat(program.c_str(), &wanted);
+    for (int i = 0; pid > 0 && i < 500; ++i, usleep(10'000))
+        if (stat(("/proc/" + std::to_string(pid) + "/exe").c_str(), &running) == 0 &&
+            running.st_ino == wanted.st_ino)
+            break;
+    Sender sender = pid > 0 ? SenderCheck::senderIdentifier(pid, facts) : "no process";
+    kill(pid > 0 ? pid : top, SIGKILL);
+    waitpid(top, nullptr, 0);
+    return sender;
 }
 
-TEST(SenderCheckTest, TheApplicationIsRecognisedByItsProgramFileNotByItsPath) {
+TEST(SenderCheckTest, TheApplicationIsKnownByItsProgramFileNotByItsPathOrContents) {
     Installation installed;
-    std::filesystem::create_symlink(ownExecutable(), installed.root / "link-to-self");
-    Facts self = installed.facts();
-    self.ownExecutable = ownExecutable();
-    Facts throughLink = self;
-    throughLink.ownExecutable = installed.root / "link-to-self";
-    Facts none = self;
-    none.ownExecutable.clear();
-
-    EXPECT_EQ(SenderCheck::senderIdentifier(getpid(), self), application);
-    EXPECT_EQ(SenderCheck::senderIdentifier(getpid(), throughLink), application);
-    EXPECT_EQ(SenderCheck::senderIdentifier(getpid(), SenderCheck::Facts::current()), application);
-    EXPECT_EQ(SenderCheck::senderIdentifier(getpid(), none), std::nullopt);
-    // Another process running the application's file, and one running an identical copy of it.
-    EXPECT_EQ(senderOf({}, installed.app, installed.facts()), application);
-    EXPECT_EQ(senderOf({}, "/usr/bin/sleep", installed.facts()), std::nullopt);
+    std::string self = std::filesystem::read_symlink("/proc/self/exe");
+    std::filesystem::create_symlink(self, installed.root / "link-to-self");
+    for (const auto& [own, expected] : std::vector<std::pair<std::string, Sender>>{
+             {self, application}, {installed.root / "link-to-self", application}, {"", unknown}})
+        EXPECT_EQ(SenderCheck::senderIdentifier(getpid(), {own, {}, false, geteuid()}), expected)
+            << own;
+    EXPECT_EQ(SenderCheck::senderIdentifier(getpid(), Facts::current()), application);
+    EXPECT_EQ(senderOf({}, installed.app, installed.facts), application);
+    EXPECT_EQ(senderOf({}, "/usr/bin/sleep", installed.facts), unknown);
 }
 
 TEST(SenderCheckTest, TheInstalledCommandCountsOnlyWhenAFileManagerStartedIt) {
     Installation installed;
     const std::string fm = installed.fileManager, launcher = installed.launcher;
     struct {
-        const char* started;
+        const char* startedBy;
         std::vector<std::string> shells;
-        bool fromMenu;
+        Sender expected;
     } cases[] = {
-        {"by the file manager", {fm}, true},
-        {"through three launchers", {fm, "/bin/sh", launcher, "/bin/bash"}, true},
-        {"through four launchers", {fm, "/bin/sh", "/bin/sh", launcher, "/bin/bash"}, false},
-        {"from a terminal's shell", {installed.terminal, "/bin/sh"}, false},
-        {"by a script run from here", {"/bin/sh"}, false},
-        {"by this test", {}, false},
+        {"the file manager", {fm}, menu},
+        {"three launchers", {fm, "/bin/sh", launcher, "/bin/bash"}, menu},
+        {"four launchers", {fm, "/bin/sh", "/bin/sh", launcher, "/bin/bash"}, unknown},
+        {"a terminal's shell", {installed.terminal, "/bin/sh"}, unknown},
+        {"a script run from here", {"/bin/sh"}, unknown},
+        {"this test", {}, unknown},
     };
-    for (const auto& each : cases) {
-        auto expected = each.fromMenu ? std::optional<std::string>(menu) : std::nullopt;
-        EXPECT_EQ(senderOf(each.shells, installed.command, installed.facts()), expected)
-            << each.started;
-    }
+    for (const auto& each : cases)
+        EXPECT_EQ(senderOf(each.shells, installed.command, installed.facts), each.expected)
+            << each.startedBy;
 }
 
-TEST(SenderCheckTest, TheCommandMustBeTheFileBesideTheApplicationThatOnlyItsOwnerCanChange) {
-    bool root = geteuid() == 0;
-    enum class Change {
-        none,
-        groupWritable,
-        otherWritable,
-        otherOwner,
-        otherOwnerIsUs,
-        elsewhere,
-        otherName,
-        linked
+TEST(SenderCheckTest, TheCommandIsTheFileBesideTheApplicationThatOnlyItsOwnerCanChange) {
+    // Each change is made to a fresh installation; it returns the program to start.
+    using Change = std::function<std::string(Installation&)>;
+    auto moved = [](const char* name) -> Change {
+        return [name](Installation& at) { return copyProgram(at.command, at.root / name); };
+    };
+    auto owned = [](uid_t us) -> Change {
+        return [us](Installation& at) {
+            at.facts.uid = us;
+            return chown(at.command.c_str(), kNobody, kNobody) == 0 ? at.command : "";
+        };
     };
     struct {
-        Change change;
-        bool fromMenu;
+        const char* change;
+        Change make;
+        Sender expected;
     } cases[] = {
-        {Change::none, true},        {Change::groupWritable, false}, {Change::otherWritable, false},
-        {Change::otherOwner, false}, {Change::otherOwnerIsUs, true}, {Change::elsewhere, false},
-        {Change::otherName, false},  {Change::linked, false},
+        {"none", [](Installation& at) { return at.command; }, menu},
+        {"group-writable",
+         [](Installation& at) { return chmod(at.command.c_str(), 0775), at.command; }, unknown},
+        {"other-writable",
+         [](Installation& at) { return chmod(at.command.c_str(), 0757), at.command; }, unknown},
+        {"another user's", owned(0), unknown},
+        {"the user's", owned(kNobody), menu},
+        {"elsewhere", moved("other/corvane"), unknown},
+        {"another name", moved("bin/corvane-tool"), unknown},
+        {"a link to elsewhere",
+         [&](Installation& at) {
+             auto target = moved("other/corvane")(at);
+             std::filesystem::remove(at.command);
+             std::filesystem::create_symlink(target, at.command);
+             return target;
+         },
+         unknown},
     };
     for (const auto& each : cases) {
-        if (!root && (each.change == Change::otherOwner || each.change == Change::otherOwnerIsUs))
-            continue;
         Installation installed;
-        Facts facts = installed.facts();
-        std::string program = installed.command;
-        switch (each.change) {
-            case Change::none: break;
-            case Change::groupWritable: chmod(program.c_str(), 0775); break;
-            case Change::otherWritable: chmod(program.c_str(), 0757); break;
-            case Change::otherOwner: ASSERT_EQ(chown(program.c_str(), kNobody, kNobody), 0); break;
-            case Change::otherOwnerIsUs:
-                ASSERT_EQ(chown(program.c_str(), kNobody, kNobody), 0);
-                facts.uid = kNobody;
-                break;
-            case Change::elsewhere:
-                program = copyProgram(installed.command, installed.root / "other/corvane");
-                break;
-            case Change::otherName:
-                program = copyProgram(installed.command, installed.root / "bin/corvane-tool");
-                break;
-            case Change::linked:
-                program = copyProgram(installed.command, installed.root / "other/corvane");
-                std::filesystem::remove(installed.command);
-                std::filesystem::create_symlink(program, installed.command);
-                break;
-        }
-        auto expected = each.fromMenu ? std::optional<std::string>(menu) : std::nullopt;
-        EXPECT_EQ(senderOf({installed.fileManager}, program, facts), expected) << int(each.change);
+        std::string program = each.make(installed);
+        if (geteuid() != 0 && program.empty()) continue;  // only root gives files away
+        EXPECT_EQ(senderOf({installed.fileManager}, program, installed.facts), each.expected)
+            << each.change;
     }
 }
 
 TEST(SenderCheckTest, TheEndToEndProgramCountsOnlyUnderTheTestOverride) {
     Installation installed;
     std::string program = copyProgram("/usr/bin/sleep", installed.root / "e2e/corvane-e2e");
-    Facts facts = installed.facts();
-    EXPECT_EQ(senderOf({}, program, facts), std::nullopt);
-    facts.testOverride = true;
-    EXPECT_EQ(senderOf({}, program, facts), endToEnd);
-    EXPECT_EQ(senderOf({}, installed.command, facts), std::nullopt);
+    EXPECT_EQ(senderOf({}, program, installed.facts), unknown);
+    installed.facts.testOverride = true;
+    EXPECT_EQ(senderOf({}, program, installed.facts), endToEnd);
+    EXPECT_EQ(senderOf({}, installed.command, installed.facts), unknown);
 }
 
 TEST(SenderCheckTest, AProcessThatIsGoneOrNeverWasIsUnknown) {
-    Facts facts = Facts::current();
     pid_t child = fork();
     if (child == 0) _exit(0);
     waitpid(child, nullptr, 0);
     for (pid_t pid : {child, pid_t(0), pid_t(-1), pid_t(1 << 30)})
-        EXPECT_EQ(SenderCheck::senderIdentifier(pid, facts), std::nullopt) << pid;
+        EXPECT_EQ(SenderCheck::senderIdentifier(pid, Facts::current()), unknown) << pid;
 }
 
 }  // namespace

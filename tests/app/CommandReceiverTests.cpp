@@ -1,0 +1,204 @@
+// Commands sent over the real command socket to a receiver in front of the real model: which are
+// confirmed, which are dropped, and what the user hears when one does not apply. This test
+// process is the sender; it counts as the application or as an unknown program depending on
+// what the receiver is told the application's program file is.
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <QUrl>
+#include <cstring>
+
+#include "AppModelFixture.h"
+#include "CommandReceiver.h"
+#include "InstanceChannel.h"
+
+namespace corvane::testing {
+namespace {
+
+using namespace std::chrono_literals;
+using app::CommandReceiver;
+using app::InstanceChannel;
+
+const std::string kAsked = "choose: Another app asked Corvane to lock ";
+
+QByteArray commandURL(const std::string& host, const std::string& path) {
+    return "corvane://" + QByteArray::fromStdString(host) +
+           "?path=" + QByteArray::fromStdString(path).toPercentEncoding();
+}
+
+class CommandReceiverTest : public AppModelTest {
+protected:
+    void SetUp() override {
+        AppModelTest::SetUp();
+        started();
+        QObject::connect(&channel, &InstanceChannel::messageReceived, [this] { ++received; });
+        ASSERT_TRUE(channel.listen());
+    }
+
+    // A receiver that takes this process for the application or for a stranger.
+    void receiveAs(bool trusted) {
+        auto facts = SenderCheck::Facts::current();
+        if (!trusted) facts.ownExecutable = "/usr/bin/sleep";
+        receiver = std::make_unique<CommandReceiver>(*model, user, user, facts);
+        QObject::connect(&channel, &InstanceChannel::messageReceived, receiver.get(),
+                         &CommandReceiver::receive);
+    }
+
+    // Sends as this process and waits until the receiver had the line and the model is idle.
+    void send(const QByteArray& message) {
+        int before = received;
+        ASSERT_TRUE(InstanceChannel::send(message, 1000));
+        ASSERT_TRUE(spinUntil([&] { return received > before; }, 5s));
+        ASSERT_TRUE(spinUntil([&] { return model->activity().isIdle(); }));
+    }
+
+    // A locked item made from a new folder `name`.
+    std::string lockedItem(const std::string& name) {
+        await(model->lock(folder(name)));
+        return root / ("Home/" + name + ".corvlock");
+    }
+
+    bool isOpen() const { return !model->openItems().empty(); }
+
+    TempDir runtime;
+    ScopedVariable runtimeVariable{"XDG_RUNTIME_DIR", runtime.path()};
+    InstanceChannel channel;
+    std::unique_ptr<CommandReceiver> receiver;
+    int received = 0;
+};
+
+TEST_F(CommandReceiverTest, AStrangersLockIsAskedAndOnlyLockGoesAheadTheApplicationsIsNot) {
+    struct {
+        bool trusted;
+        std::optional<std::string> button;
+        bool locked;
+    } cases[] = {{false, "Cancel", false}, {false, "Lock", true}, {true, std::nullopt, true}};
+    for (const auto& each : cases) {
+        std::string name = "Taxes " + each.button.value_or("trusted");
+        receiveAs(each.trusted);
+        std::string original = folder(name);
+        if (each.button) user.buttons = {*each.button};
+        send(commandURL("lock", original));
+        EXPECT_EQ(user.entries("choose: "),
+                  each.button ? std::vector<std::string>{kAsked + name +
+                                                         ". Lock it? | Only lock it if you asked "
+                                                         "for this."}
+                              : std::vector<std::string>{});
+        EXPECT_EQ(std::filesystem::exists(original + ".corvlock"), each.locked) << name;
+        EXPECT_EQ(std::filesystem::exists(original + "/a.txt"), !each.locked) << name;
+        user.log.clear();
+    }
+}
+
+TEST_F(CommandReceiverTest, ActionsThatAskForThePasswordOrOnlyShowAreNeverConfirmed) {
+    receiveAs(false);
+    std::string locked = lockedItem("Taxes");
+    user.log.clear();
+    user.buttons = {"Cancel"};
+    send(commandURL("remove-lock", locked));
+    user.passwords = {std::nullopt};
+    send(commandURL("unlock", locked));
+    send(commandURL("reveal", locked));
+    ASSERT_TRUE(spinUntil([&] { return !user.entries("notify: ").empty(); }, 10s));
+    EXPECT_EQ(
+        user.log,
+        (std::vector<std::string>{
+            "choose: Remove the lock from Taxes? | Taxes turns back into normal "
+            "files that anyone using this computer can open.",
+            "password: Enter your Corvane password | Corvane needs your password to unlock Taxes",
+            "notify: Corvane | Taxes is not unlocked."}));
+    EXPECT_TRUE(std::filesystem::exists(locked));
+}
+
+TEST_F(CommandReceiverTest, ALockedItemsFileURLUnlocksItWithoutConfirmation) {
+    receiveAs(false);
+    std::string locked = lockedItem("Tax Files");
+    user.log.clear();
+    user.passwords = {"password 1"};
+    send(QUrl::fromLocalFile(QString::fromStdString(locked)).toEncoded());
+    ASSERT_TRUE(spinUntil([&] { return isOpen(); }, 10s));
+    EXPECT_EQ(user.entries("choose: "), std::vector<std::string>{});
+    EXPECT_EQ(user.entries("open: ").size(), 1u);
+}
+
+TEST_F(CommandReceiverTest, LockNowAndRevealOfAnItemThatIsNotOpenSayWhy) {
+    receiveAs(true);
+    std::string locked = lockedItem("Taxes");
+    const std::string notOpen = "notify: Corvane | Taxes is not unlocked.";
+    for (const char* host : {"lock-now", "reveal"}) {
+        user.log.clear();
+        send(commandURL(host, locked));
+        ASSERT_TRUE(spinUntil([&] { return !user.log.empty(); }, 10s)) << host;
+        EXPECT_EQ(user.log, std::vector<std::string>{notOpen}) << host;
+    }
+
+    user.passwords = {"password 1"};
+    await(model->unlock(locked));
+    ASSERT_TRUE(isOpen());
+    user.log.clear();
+    send(commandURL("reveal", locked));
+    ASSERT_TRUE(spinUntil([&] { return !user.entries("reveal: ").empty(); }, 10s));
+    send(commandURL("lock-now", locked));
+    ASSERT_TRUE(spinUntil([&] { return !isOpen() && model->activity().isIdle(); }, 30s));
+    EXPECT_TRUE(user.entries("notify: Corvane").empty());
+}
+
+TEST_F(CommandReceiverTest, WhatIsNotACommandOrComesFromAnotherUserIsDroppedUnanswered) {
+    receiveAs(false);
+    std::string original = folder("Taxes");
+    for (const char* message : {"show", "hello", "corvane://explode?path=%2Ftmp", "/tmp/notes"})
+        send(message);
+    if (geteuid() == 0) {
+        // Opened up so that the other user reaches the socket at all.
+        chmod((runtime / "corvane").c_str(), 0711);
+        chmod((runtime / "corvane/command.sock").c_str(), 0666);
+        QByteArray line = commandURL("lock", original) + "\n";
+        std::string path = runtime / "corvane/command.sock";
+        ASSERT_TRUE(passesAsUnprivilegedUser([&] {
+            sockaddr_un address{};
+            address.sun_family = AF_UNIX;
+            std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+            int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+            return connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
+                   ::send(fd, line.constData(), line.size(), MSG_NOSIGNAL) == line.size();
+        }));
+        spinUntil([] { return false; }, 300ms);
+    }
+    EXPECT_EQ(received, 4);
+    EXPECT_FALSE(model->requestArrived());
+    EXPECT_TRUE(user.log.empty());
+    EXPECT_TRUE(std::filesystem::exists(original + "/a.txt"));
+}
+
+TEST(CommandReceiverPathsTest, OnlyALockedItemsPathOrFileURLIsTakenForOne) {
+    struct {
+        QByteArray message;
+        std::optional<std::string> path;
+    } cases[] = {
+        {"/home/ann/Tax Files.corvlock", "/home/ann/Tax Files.corvlock"},
+        {"/home/ann/Tax.corvlock/", "/home/ann/Tax.corvlock/"},
+        {"file:///home/ann/Tax%20Files.corvlock", "/home/ann/Tax Files.corvlock"},
+        {"file://localhost/home/ann/%FF%3F.corvlock", "/home/ann/\xff?.corvlock"},
+        {"file:///home/ann/a%23b.corvlock", "/home/ann/a#b.corvlock"},
+        {"file://server/home/ann/Tax.corvlock", std::nullopt},
+        {"file:///home/ann/Tax.corvlock#x", std::nullopt},
+        {"file:///home/ann/Tax.corvlock.txt", std::nullopt},
+        {"file:///home/ann/a%00.corvlock", std::nullopt},
+        {"home/ann/Tax.corvlock", std::nullopt},
+        {"corvane://unlock?path=%2Fhome%2Fann%2FTax.corvlock", std::nullopt},
+    };
+    for (const auto& each : cases)
+        EXPECT_EQ(CommandReceiver::lockedItemPath(each.message), each.path)
+            << each.message.constData();
+}
+
+TEST(CommandReceiverPathsTest, TheSendersTheCheckNamesAreTheOnesCommandsTrust) {
+    const CorvaneCommand lock{CorvaneCommand::Kind::lock, {"/home/ann/Taxes"}};
+    for (auto sender : {SenderCheck::application, SenderCheck::fileManagerMenu})
+        EXPECT_FALSE(lock.needsConfirmation(std::string(sender), false)) << sender;
+    EXPECT_FALSE(lock.needsConfirmation(std::string(SenderCheck::endToEndTest), true));
+    EXPECT_TRUE(lock.needsConfirmation(std::string(SenderCheck::endToEndTest), false));
+}
+
+}  // namespace
+}  // namespace corvane::testing
