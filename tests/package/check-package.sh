@@ -48,8 +48,8 @@ Recommends gnome-keyring
 Suggests python3-nautilus
 EOF
 [[ "$(field Maintainer)" =~ ^.+\ \<.+@.+\>$ ]] || fail "Maintainer is '$(field Maintainer)'"
-[[ "$(field Description | head -1)" == "lock files and folders where they stand" ]] ||
-    fail "Description starts '$(field Description | head -1)'"
+[[ "$(field Description | head -2)" == "lock files and folders where they stand"$'\n'" Corvane "* ]] ||
+    fail "Description starts '$(field Description | head -2)'"
 dpkg-deb --info "$deb" conffiles | grep -qx /etc/xdg/autostart/corvane.desktop ||
     fail "the autostart entry is not a conffile"
 
