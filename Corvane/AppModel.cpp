@@ -72,7 +72,10 @@ AppModel::AppModel(Services services, Configuration configuration, QObject* pare
       settings_(configuration_.settingsPath),
       worker_(std::make_unique<Worker>(this)),
       idleMinutes_(settings_.idleMinutes()),
-      touchIDEnabled_(settings_.touchIDEnabled()) {}
+      touchIDEnabled_(settings_.touchIDEnabled()) {
+    retryTimer_.setInterval(configuration_.autoLockRetryInterval);
+    connect(&retryTimer_, &QTimer::timeout, this, [this] { spawn(retryAutoLock()); });
+}
 
 AppModel::~AppModel() {
     // The worker finishes what it runs before the engine and the support lock go; operations
@@ -141,6 +144,7 @@ Task<> AppModel::startUp() {
         }(this, std::exchange(pending_, {})));
     readyWaiters_.resumeAll();
     emit becameReady();
+    autoLock().start();
 
     co_await refresh();
     co_await repairNames(true);
@@ -488,6 +492,63 @@ Task<std::vector<std::string>> AppModel::relockAllQuietly() {
         }
     }
     co_await refresh();
+    co_return inUse;
+}
+
+AutoLock& AppModel::autoLock() {
+    if (!autoLock_) {
+        autoLock_ = std::make_unique<AutoLock>(
+            AutoLock::Hooks{
+                [this] { return !openItems_.empty(); },
+                [this](AutoLock::Trigger trigger) { spawn(autoLockTriggered(trigger)); }},
+            settings_, configuration_.idleCheckInterval);
+        connect(this, &AppModel::rowsChanged, autoLock_.get(),
+                [this] { autoLock_->setItemsOpen(!openItems_.empty()); });
+        autoLock_->setItemsOpen(!openItems_.empty());
+    }
+    return *autoLock_;
+}
+
+Task<> AppModel::autoLockTriggered(AutoLock::Trigger) {
+    // The running lock takes in every open item already; a second would only report it twice.
+    if (autoLockInFlight_) co_return;
+    if (openItems_.empty()) {
+        autoLock().lockFinished();
+        co_return;
+    }
+    std::vector<std::string> inUse = co_await autoRelock();
+    if (inUse.empty()) {
+        retryTimer_.stop();
+        co_return;
+    }
+    services_.notifier.post(
+        "Corvane could not lock " + CorvaneError::list(inUse),
+        "Files are still open in another app. Close them and Corvane will lock automatically.");
+    retryTimer_.start();
+}
+
+Task<> AppModel::retryAutoLock() {
+    if (autoLockInFlight_) co_return;
+    AutoLock& lock = autoLock();
+    // Back at the computer, the user locks what is still open.
+    if ((!lock.screenIsLocked() && !lock.idleRuleHolds()) || openItems_.empty()) {
+        retryTimer_.stop();
+        co_return;
+    }
+    std::vector<std::string> inUse = co_await autoRelock();
+    if (inUse.empty()) retryTimer_.stop();
+}
+
+Task<std::vector<std::string>> AppModel::autoRelock() {
+    autoLockInFlight_ = true;
+    std::vector<std::string> inUse;
+    try {
+        inUse = co_await relockAllQuietly();
+    } catch (const std::exception& error) {
+        qWarning("corvane: could not lock the open items: %s", error.what());
+    }
+    autoLockInFlight_ = false;
+    autoLock().lockFinished();
     co_return inUse;
 }
 

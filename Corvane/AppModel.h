@@ -6,12 +6,14 @@
 #pragma once
 
 #include <QObject>
+#include <QTimer>
 #include <chrono>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "AutoLock.h"
 #include "Commands/CorvaneCommand.h"
 #include "DesktopShell.h"
 #include "Engine/LockStep.h"
@@ -53,6 +55,10 @@ public:
         std::shared_ptr<const ImageTool> tool;   // gocryptfs when empty
         std::chrono::milliseconds nameRecheckDelay{20'000};
         std::chrono::milliseconds fingerprintTimeout = FingerprintReader::defaultTimeout;
+        // How often an automatic lock that found files in use tries again, and how often the
+        // desktop is asked for the idle time.
+        std::chrono::milliseconds autoLockRetryInterval{30'000};
+        std::chrono::milliseconds idleCheckInterval{30'000};
 
         // From the environment and the XDG folders, as a user's run has them.
         static Configuration fromEnvironment();
@@ -106,6 +112,15 @@ public:
     // Relocks every open item without asking; the names of those whose files were in use.
     Task<std::vector<std::string>> relockAllQuietly();
 
+    // What locks the open items when the user walks away; made at its first use, started at the
+    // end of start-up.
+    AutoLock& autoLock();
+    // Locks every open item quietly, unless none is open or an automatic lock already runs.
+    // Files in use are reported once; then retryAutoLock() runs until they close, the user is
+    // back or nothing is open.
+    Task<> autoLockTriggered(AutoLock::Trigger trigger);
+    bool autoLockRetrying() const { return retryTimer_.isActive(); }
+
     // The end of setup: the first password record is saved, then setup is over. Nothing on
     // success, else the sentence to show.
     std::optional<std::string> finishSetup(const std::string& password, bool useFingerprint);
@@ -147,6 +162,9 @@ private:
     Locker::Progress progressReporter(const std::string& name, std::function<void()> onCancel);
     Locker::BytesProgress bytesReporter();
     void finishChangingPassword();
+    Task<> retryAutoLock();
+    // One quiet lock of every open item for the automatic lock; the names of those still in use.
+    Task<std::vector<std::string>> autoRelock();
 
     Services services_;
     Configuration configuration_;
@@ -172,6 +190,10 @@ private:
     WaitList readyWaiters_{this};
     WaitList idleWaiters_{this};
     WaitList passwordWaiters_{this};
+
+    std::unique_ptr<AutoLock> autoLock_;
+    bool autoLockInFlight_ = false;
+    QTimer retryTimer_;
 };
 
 }  // namespace corvane::app

@@ -14,6 +14,8 @@ SettingsWindow::SettingsWindow(Seams seams, QWidget* parent)
     : QWidget(parent),
       seams_(std::move(seams)),
       idle_(new QComboBox),
+      idleUnavailable_(
+          new QLabel(QStringLiteral("Locking after inactivity is not available on this desktop."))),
       fingerprint_(new QCheckBox(QStringLiteral("Use fingerprint to unlock"))),
       startAtLogin_(new QCheckBox(QStringLiteral("Start Corvane when you log in"))),
       fileManagerMenu_(new QCheckBox(QStringLiteral("File manager menu"))),
@@ -33,6 +35,8 @@ SettingsWindow::SettingsWindow(Seams seams, QWidget* parent)
     form->setContentsMargins(18, 18, 18, 18);
     form->setVerticalSpacing(10);
     form->addRow(QStringLiteral("Lock after inactivity"), idle_);
+    idleUnavailable_->setWordWrap(true);
+    form->addRow(idleUnavailable_);
     form->addRow(fingerprint_);
     form->addRow(startAtLogin_);
     form->addRow(fileManagerMenu_);
@@ -60,6 +64,7 @@ QString SettingsWindow::idleChoiceName(int minutes) {
 
 void SettingsWindow::reload() {
     idle_->setCurrentIndex(idle_->findData(seams_.idleMinutes()));
+    idleUnavailable_->setVisible(!seams_.idleAvailable());
     fingerprint_->setEnabled(seams_.fingerprintAvailable());
     fingerprint_->setChecked(seams_.fingerprintEnabled());
     startAtLogin_->setChecked(seams_.startsAtLogin());

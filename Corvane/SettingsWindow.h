@@ -32,6 +32,8 @@ public:
         // Nothing on success, else the sentence to show.
         std::function<std::optional<std::string>(bool on)> setFileManagerMenu;
         ChangePasswordDialog::Change changePassword;
+        // Whether the desktop reports idle time; without it the limit has no effect.
+        std::function<bool()> idleAvailable = [] { return true; };
     };
 
     explicit SettingsWindow(Seams seams, QWidget* parent = nullptr);
@@ -55,6 +57,7 @@ private:
 
     Seams seams_;
     QComboBox* idle_;
+    QLabel* idleUnavailable_;
     QCheckBox* fingerprint_;
     QCheckBox* startAtLogin_;
     QCheckBox* fileManagerMenu_;

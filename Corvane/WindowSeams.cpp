@@ -37,6 +37,7 @@ SettingsWindow::Seams WindowSeams::settings(AppModel& model, std::function<bool(
             [&model](std::string current, std::string next) {
                 return model.changePassword(std::move(current), std::move(next));
             },
+        .idleAvailable = [&model] { return model.autoLock().idleAvailable(); },
     };
 }
 
