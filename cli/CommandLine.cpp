@@ -57,6 +57,7 @@ const std::map<std::string, Command, std::less<>> kCommands = {
     {"menu", runMenu},
     {"open-url", runOpenUrl},
     {"integrate", runIntegrate},
+    {"menu-action", runMenuAction},
 };
 
 // Takes `option` out of the words before "--"; whether it was there.

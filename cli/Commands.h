@@ -44,5 +44,7 @@ int runOpenUrl(CommandContext& context, const Words& words, std::istream& in, st
                std::ostream& err);
 int runIntegrate(CommandContext& context, const Words& words, std::istream& in, std::ostream& out,
                  std::ostream& err);
+int runMenuAction(CommandContext& context, const Words& words, std::istream& in, std::ostream& out,
+                  std::ostream& err);
 
 }  // namespace corvane::cli
