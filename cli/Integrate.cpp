@@ -65,7 +65,12 @@ public:
     void remove(const std::string& path) {
         attempt(path, [&] {
             struct stat status {};
-            auto existing = readIfRegular(path, kOwnFileLimit, status);
+            std::optional<std::string> existing;
+            try {
+                existing = readIfRegular(path, kOwnFileLimit, status);
+            } catch (const CommandFailure&) {
+                return;  // too large to be Corvane's
+            }
             if (!existing || !existing->starts_with(FileManagerMenus::marker)) return;
             removeIfSame(path, status);
             if (path.ends_with(".py")) removeBytecode(path);
