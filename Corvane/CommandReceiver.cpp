@@ -1,5 +1,7 @@
 #include "CommandReceiver.h"
 
+#include <QMetaObject>
+
 #include <limits>
 
 #include "Engine/AppPaths.h"
@@ -48,7 +50,12 @@ void CommandReceiver::receive(const QByteArray& message, qint64 peerPid) {
     // Decided before anything waits: the sender may end soon after its line was
     // read, and its id may then go to another process.
     auto sender = SenderCheck::senderIdentifier(peer, facts_);
-    spawn(deliver(*command, command->needsConfirmation(sender, AppPaths::isTestOverride())));
+    bool confirm = command->needsConfirmation(sender, AppPaths::isTestOverride());
+    // Questions wait for the event loop, so the sender's connection is closed first and it
+    // does not wait on the user.
+    QMetaObject::invokeMethod(
+        this, [this, command = *command, confirm] { spawn(deliver(command, confirm)); },
+        Qt::QueuedConnection);
 }
 
 Task<> CommandReceiver::deliver(CorvaneCommand command, bool confirm) {

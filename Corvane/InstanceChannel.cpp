@@ -198,11 +198,16 @@ void InstanceChannel::readFrom(quint64 id) {
         QByteArray message = peer.received.left(end);
         if (message.endsWith('\r')) message.chop(1);
         qint64 pid = peer.pid;
-        drop(id);
+        // The sender waits for its connection to close before it ends, so it is still there,
+        // under its own pid, while the receivers decide who sent the line; nothing more is
+        // read from it meanwhile.
+        peer.notifier->setEnabled(false);
+        peer.deadline->stop();
         // A receiver may delete this channel.
         QPointer alive(this);
         emit messageReceived(message, pid);
         if (alive && message == "show") emit showRequested();
+        if (alive) drop(id);
         return;
     }
 }
