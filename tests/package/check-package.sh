@@ -44,6 +44,7 @@ Depends coreutils
 Depends xdg-utils
 Depends libc6
 Depends libqt6widgets6
+Depends libqt6svg6
 Recommends gnome-keyring
 Suggests python3-nautilus
 EOF
