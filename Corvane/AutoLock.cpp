@@ -96,6 +96,9 @@ void AutoLock::start() {
     system_ = connectTo("DBUS_SYSTEM_BUS_ADDRESS",
                         QStringLiteral("unix:path=/run/dbus/system_bus_socket"), systemName_);
     session_ = connectTo("DBUS_SESSION_BUS_ADDRESS", sessionBusFallback(), sessionName_);
+    inhibitor_ = std::make_unique<SleepInhibitor>(system_);
+    inhibitor_->setWanted(itemsOpen_);
+    idle_ = std::make_unique<IdleMonitor>(session_);
 
     // Signals are taken only from the owner of each name; ones with other arguments than these
     // slots take are not delivered.
@@ -111,9 +114,6 @@ void AutoLock::start() {
             session_.connect(service, path, service, QStringLiteral("ActiveChanged"), this,
                              SLOT(screenSaverActiveChanged(bool)));
 
-    inhibitor_ = std::make_unique<SleepInhibitor>(system_);
-    inhibitor_->setWanted(itemsOpen_);
-    idle_ = std::make_unique<IdleMonitor>(session_);
     checkIdle();
     idleTimer_.start();
 }

@@ -19,13 +19,17 @@ namespace {
 using namespace std::chrono_literals;
 using Trigger = app::AutoLock::Trigger;
 
-const QString kGnomeScreenSaver = QStringLiteral("org.gnome.ScreenSaver");
-const QString kScreenSaver = QStringLiteral("org.freedesktop.ScreenSaver");
-const std::string kNoticeBody =
-    "Files are still open in another app. Close them and Corvane will lock automatically.";
+const QString kGnome = QStringLiteral("org.gnome.ScreenSaver");
+const QString kFreedesktop = QStringLiteral("org.freedesktop.ScreenSaver");
 
 void spinFor(std::chrono::milliseconds time) {
     spinUntil([] { return false; }, time);
+}
+
+std::string notice(const std::string& name) {
+    return "notify: Corvane could not lock " + name +
+           " | Files are still open in another app. Close them and Corvane will lock "
+           "automatically.";
 }
 
 // A process holding `path` open until it is destroyed.
@@ -36,27 +40,23 @@ std::unique_ptr<BackgroundProcess> holding(const std::string& path) {
     return holder;
 }
 
-// How many times the model began to lock one item.
-class LockAttempts {
-public:
+// How many times the model began to lock the item NAME.
+struct LockAttempts {
     LockAttempts(app::AppModel& model, const std::string& name) {
-        connection_ = QObject::connect(
-            &model, &app::AppModel::activityChanged, [this, &model, label = "locking " + name] {
-                auto now = model.activity().descriptions();
-                bool locking = std::find(now.begin(), now.end(), label) != now.end();
-                if (locking && !locking_) ++count;
-                locking_ = locking;
-            });
+        QObject::connect(&model, &app::AppModel::activityChanged, &context,
+                         [this, &model, label = "locking " + name] {
+                             auto now = model.activity().descriptions();
+                             bool locking = std::count(now.begin(), now.end(), label) > 0;
+                             count += locking && !locking_;
+                             locking_ = locking;
+                         });
     }
-    ~LockAttempts() { QObject::disconnect(connection_); }
+    QObject context;
     int count = 0;
-
-private:
-    QMetaObject::Connection connection_;
     bool locking_ = false;
 };
 
-// Whether the settings, as the application fills them, say inactivity cannot lock here.
+// Whether the settings, filled as the application fills them, say idleness cannot lock here.
 bool settingsSayIdleUnavailable(app::AppModel& model) {
     app::SettingsWindow window(app::WindowSeams::settings(
         model, [] { return false; }, [](bool) {}));
@@ -77,33 +77,13 @@ TEST(IdlePolicyTest, LocksFromTheLimitOnAndOnlyWithItemsOpen) {
         bool open;
         bool locks;
     };
-    for (const auto& test : std::vector<Case>{{900, 15, true, true},
-                                              {899.9, 15, true, false},
-                                              {1e9, 0, true, false},
-                                              {900, 15, false, false},
-                                              {300, 5, true, true}}) {
+    for (auto test : std::vector<Case>{{900, 15, true, true},
+                                       {899.9, 15, true, false},
+                                       {1e9, 0, true, false},
+                                       {900, 15, false, false},
+                                       {300, 5, true, true}}) {
         SCOPED_TRACE(std::to_string(test.seconds) + " s, " + std::to_string(test.minutes));
         EXPECT_EQ(IdlePolicy::shouldLock(test.seconds, test.minutes, test.open), test.locks);
-    }
-}
-
-TEST(AutoLockSettingsTest, TheLimitIsTheStoredWholeNumberElseFifteen) {
-    TempDir folder;
-    std::string path = folder / "settings.json";
-    app::AutoLock autoLock({[] { return false; }, [](Trigger) {}}, UserSettings(path));
-    struct Case {
-        std::optional<std::string> stored;
-        int minutes;
-    };
-    for (const auto& test : std::vector<Case>{{std::nullopt, 15},
-                                              {R"({"corvane.idleMinutes": 5})", 5},
-                                              {R"({"corvane.idleMinutes": "5"})", 15},
-                                              {R"({"corvane.idleMinutes": 5.5})", 15},
-                                              {"not json", 15}}) {
-        SCOPED_TRACE(test.stored.value_or("missing"));
-        std::filesystem::remove(path);
-        if (test.stored) writeFile(path, *test.stored);
-        EXPECT_EQ(autoLock.idleMinutes(), test.minutes);
     }
 }
 
@@ -122,44 +102,34 @@ protected:
         return *model;
     }
 
-    void startDesktop(DesktopStandIn::Present present = {}) {
+    // The stand-ins, then the model; returns once auto-lock has found the session and asked for
+    // the idle time, so that every signal it listens to reaches it.
+    app::AppModel& startWithDesktop(DesktopStandIn::Present present = {}) {
         desktop.reset();
         desktop = std::make_unique<DesktopStandIn>(
             loginBus.address(), std::getenv("DBUS_SESSION_BUS_ADDRESS"), present);
+        app::AppModel& app = startModel();
+        EXPECT_TRUE(spinUntil([&] {
+            return desktop->calls("Get") > 0 &&
+                   desktop->calls("GetIdletime") + desktop->calls("GetSessionIdleTime") > 0;
+        }));
+        return app;
     }
 
-    // Until auto-lock found the session and asked for the idle time: every signal it listens to
-    // reaches it from then on.
-    void waitUntilListening() {
-        ASSERT_TRUE(spinUntil(
-            [&] {
-                return desktop->calls("Get") > 0 &&
-                       desktop->calls("GetIdletime") + desktop->calls("GetSessionIdleTime") > 0;
-            },
-            10s));
-    }
-
-    // Unlocks the item made of folder NAME, locking the folder first when there is no such item
-    // yet; its mount point.
+    // Unlocks the item NAME, made from a new folder the first time; its mount point.
     std::string unlockItem(const std::string& name) {
-        auto row = [&]() -> std::optional<app::ItemRow> {
-            for (const auto& each : model->rows())
-                if (each.name == name && each.url) return each;
+        auto url = [&]() -> std::optional<std::string> {
+            for (const auto& row : model->rows())
+                if (row.name == name && row.url) return row.url;
             return std::nullopt;
         };
-        if (!row()) await(model->lock(folder(name)));
-        EXPECT_TRUE(row());
-        if (!row()) return {};
+        if (!url()) await(model->lock(folder(name)));
         user.passwords = {"password 1"};
-        await(model->unlock(*row()->url));
+        await(model->unlock(url().value_or("")));
         for (const auto& item : model->openItems())
             if (item.name == name) return item.mountPoint;
         ADD_FAILURE() << name << " did not open";
         return {};
-    }
-
-    std::string notice(const std::string& name) const {
-        return "notify: Corvane could not lock " + name + " | " + kNoticeBody;
     }
 
     PrivateBus loginBus;
@@ -167,137 +137,108 @@ protected:
     std::unique_ptr<DesktopStandIn> desktop;
 };
 
-TEST_F(AutoLockTest, EachScreenLockLocksAndFilesInUseAreReportedOnceThenRetriedWhileAway) {
-    startDesktop();
+TEST_F(AutoLockTest, ScreenLocksLockItemsAndFilesInUseAreReportedOnceThenRetriedWhileAway) {
+    app::AppModel& app = startWithDesktop();
     desktop->mutterIdleMilliseconds = 2'000;
-    app::AppModel& app = startModel();
-    waitUntilListening();
-
-    // With nothing open, a screen lock does nothing.
     LockAttempts anything(app, "Report");
-    desktop->emitScreenSaver(kGnomeScreenSaver, true);
+    desktop->emitScreenSaver(kGnome, true);
     spinFor(300ms);
     EXPECT_TRUE(app.autoLock().screenIsLocked());
-    EXPECT_EQ(anything.count, 0);
-    EXPECT_FALSE(app.autoLockRetrying());
-    desktop->emitScreenSaver(kGnomeScreenSaver, false);
+    EXPECT_EQ(anything.count, 0);  // nothing open
+    desktop->emitScreenSaver(kGnome, false);
 
     std::string mount = unlockItem("Report");
     auto holder = holding(mount + "/a.txt");
+    // A second trigger while the first runs is dropped, not run after it.
+    app::spawn(app.autoLockTriggered(Trigger::screenLocked));
+    app::spawn(app.autoLockTriggered(Trigger::idle));
+    ASSERT_TRUE(spinUntil([&] { return !user.entries("notify: ").empty(); }));
+    ASSERT_TRUE(spinUntil([&] { return app.activity().isIdle() && !app.autoLockRetrying(); }));
+    spinFor(300ms);
+    EXPECT_EQ(user.entries("notify: "), std::vector{notice("Report")});
+
     struct Source {
         const char* name;
-        std::function<void()> lock;
-        std::function<void()> unlock;
+        std::function<void(bool)> lock;
     };
     std::vector<Source> sources = {
-        {"GNOME Shell", [&] { desktop->emitScreenSaver(kGnomeScreenSaver, true); },
-         [&] { desktop->emitScreenSaver(kGnomeScreenSaver, false); }},
-        {"freedesktop screen saver", [&] { desktop->emitScreenSaver(kScreenSaver, true); },
-         [&] { desktop->emitScreenSaver(kScreenSaver, false); }},
-        {"logind Lock", [&] { desktop->emitSession("Lock"); },
-         [&] { desktop->emitSession("Unlock"); }},
-        {"logind LockedHint", [&] { desktop->changeSession("LockedHint", true); },
-         [&] { desktop->changeSession("LockedHint", false); }},
+        {"GNOME Shell", [&](bool on) { desktop->emitScreenSaver(kGnome, on); }},
+        {"freedesktop", [&](bool on) { desktop->emitScreenSaver(kFreedesktop, on); }},
+        {"logind", [&](bool on) { desktop->emitSession(on ? "Lock" : "Unlock"); }},
+        {"LockedHint", [&](bool on) { desktop->changeSession("LockedHint", on); }},
     };
     for (const auto& source : sources) {
         SCOPED_TRACE(source.name);
         user.log.clear();
         LockAttempts attempts(app, "Report");
-        source.lock();
-        // Retries run at the short interval while the screen stays locked.
-        ASSERT_TRUE(spinUntil([&] { return attempts.count >= 3; }, 10s));
-        EXPECT_TRUE(app.autoLock().screenIsLocked());
+        source.lock(true);
+        // Retries at the short interval while the screen stays locked, reporting nothing more.
+        ASSERT_TRUE(spinUntil([&] { return attempts.count >= 2; }, 10s));
         EXPECT_EQ(user.entries("notify: "), std::vector{notice("Report")});
-        // Back at the computer with little idle time, the user locks it.
-        source.unlock();
+        // Back, with little idle time, the user locks it.
+        source.lock(false);
         ASSERT_TRUE(spinUntil([&] { return !app.autoLockRetrying(); }, 5s));
         EXPECT_FALSE(app.autoLock().screenIsLocked());
         EXPECT_EQ(app.openItems().size(), 1u);
     }
 
-    // Once the file closes, the next retry locks the item and says nothing more.
-    user.log.clear();
+    // Once the file closes, the next retry locks the item.
     desktop->emitSession("Lock");
     ASSERT_TRUE(spinUntil([&] { return app.autoLockRetrying(); }, 5s));
     holder.reset();
-    ASSERT_TRUE(spinUntil([&] { return app.openItems().empty() && !app.autoLockRetrying(); }, 10s));
-    EXPECT_EQ(user.entries("notify: "), std::vector{notice("Report")});
-}
-
-TEST_F(AutoLockTest, ATriggerDuringARunningAutomaticLockIsDropped) {
-    app::AppModel& app = startModel(60s);
-    std::string mount = unlockItem("Ledger");
-    auto holder = holding(mount + "/a.txt");
-    user.log.clear();
-    LockAttempts attempts(app, "Ledger");
-    app::spawn(app.autoLockTriggered(Trigger::screenLocked));
-    app::spawn(app.autoLockTriggered(Trigger::idle));
-    ASSERT_TRUE(spinUntil([&] { return app.autoLockRetrying(); }, 10s));
-    spinFor(500ms);
-    EXPECT_EQ(attempts.count, 1);
-    EXPECT_EQ(user.entries("notify: "), std::vector{notice("Ledger")});
+    EXPECT_TRUE(spinUntil([&] { return app.openItems().empty() && !app.autoLockRetrying(); }));
 }
 
 TEST_F(AutoLockTest, SleepAndShutdownGoOnOnlyOnceTheOpenItemsAreLocked) {
-    startDesktop();
-    app::AppModel& app = startModel();
-    waitUntilListening();
-    EXPECT_TRUE(desktop->inhibitCalls().empty());  // nothing open, nothing held
-
-    auto sleep = [&](bool starting) { desktop->emitManager("PrepareForSleep", {starting}); };
-    auto shutdown = [&](bool starting) { desktop->emitManager("PrepareForShutdown", {starting}); };
+    app::AppModel& app = startWithDesktop();
+    EXPECT_EQ(desktop->calls("Inhibit"), 0u);  // nothing open, nothing held
+    auto sleep = [&](bool on) { desktop->emitManager("PrepareForSleep", on); };
+    auto shutdown = [&](bool on) { desktop->emitManager("PrepareForShutdown", on); };
+    // While the screen lock's quiet lock runs, the sleep's own is dropped and the release
+    // waits for the running one.
+    auto lockThenSleep = [&](bool on) {
+        desktop->emitScreenSaver(kGnome, on);
+        EXPECT_TRUE(!on || spinUntil([&] { return !app.activity().isIdle(); }, 5s));
+        sleep(on);
+    };
     struct Case {
         const char* name;
-        std::function<void()> goDown;
-        std::function<void()> comeBack;
+        std::function<void(bool)> goDown;
+        std::vector<std::string> items;
     };
-    std::vector<Case> cases = {
-        {"sleep", [&] { sleep(true); }, [&] { sleep(false); }},
-        {"shutdown", [&] { shutdown(true); }, [&] { shutdown(false); }},
-        // The sleep's own trigger is dropped while the screen lock's runs; the release waits for
-        // that one.
-        {"sleep as the screen locks",
-         [&] {
-             desktop->emitScreenSaver(kGnomeScreenSaver, true);
-             ASSERT_TRUE(spinUntil([&] { return !app.activity().isIdle(); }, 5s));
-             sleep(true);
-         },
-         [&] {
-             sleep(false);
-             desktop->emitScreenSaver(kGnomeScreenSaver, false);
-         }},
-    };
-    for (const auto& test : cases) {
+    for (const auto& test :
+         std::vector<Case>{{"sleep", sleep, {"One", "Two", "Three"}},
+                           {"shutdown", shutdown, {"One"}},
+                           {"sleep as the screen locks", lockThenSleep, {"One"}}}) {
         SCOPED_TRACE(test.name);
-        std::string mount = unlockItem("Trip");
+        for (const auto& name : test.items) desktop->watchMount(unlockItem(name));
         ASSERT_TRUE(spinUntil([&] { return desktop->inhibitorsHeld() == 1; }, 5s));
-        desktop->watchMount(mount);
-        std::size_t released = desktop->mountedAtRelease().size();
-        test.goDown();
-        ASSERT_TRUE(
-            spinUntil([&] { return desktop->mountedAtRelease().size() == released + 1; }, 10s));
+        QElapsedTimer timer;
+        timer.start();
+        test.goDown(true);
+        ASSERT_TRUE(spinUntil([&] { return desktop->inhibitorsHeld() == 0; }, 10s));
+        std::cout << "[ MEASURED ] " << test.name << ": " << test.items.size()
+                  << " open items locked in " << timer.elapsed() << " ms\n";
+        EXPECT_LT(timer.elapsed(), 5000);  // logind's longest delay
         EXPECT_FALSE(desktop->mountedAtRelease().back());
         EXPECT_TRUE(app.openItems().empty());
-        std::size_t asked = desktop->inhibitCalls().size();
-        test.comeBack();
+        std::size_t asked = desktop->calls("Inhibit");
+        test.goDown(false);
         spinFor(300ms);
-        EXPECT_EQ(desktop->inhibitorsHeld(), 0);
-        EXPECT_EQ(desktop->inhibitCalls().size(), asked);
+        EXPECT_EQ(desktop->calls("Inhibit"), asked);  // nothing open after resuming
     }
-    EXPECT_EQ(desktop->inhibitCalls().front(),
+    EXPECT_EQ(desktop->lastInhibit(),
               (QVariantList{"sleep:shutdown", "Corvane", "Locking unlocked items", "delay"}));
 
-    // Files in use: the sleep waits for the attempt only, and after it a new lock is held.
+    // Files in use: the sleep waits for the attempt only; after it a new lock is held.
     std::string mount = unlockItem("Trip");
     ASSERT_TRUE(spinUntil([&] { return desktop->inhibitorsHeld() == 1; }, 5s));
     auto holder = holding(mount + "/a.txt");
-    desktop->watchMount(mount);
     sleep(true);
     ASSERT_TRUE(spinUntil([&] { return desktop->inhibitorsHeld() == 0; }, 10s));
-    EXPECT_TRUE(desktop->mountedAtRelease().back());
     EXPECT_EQ(app.openItems().size(), 1u);
     sleep(false);
-    ASSERT_TRUE(spinUntil([&] { return desktop->inhibitorsHeld() == 1; }, 5s));
+    EXPECT_TRUE(spinUntil([&] { return desktop->inhibitorsHeld() == 1; }, 5s));
     holder.reset();
     await(app.lockAll());
     EXPECT_TRUE(spinUntil([&] { return desktop->inhibitorsHeld() == 0; }, 5s));
@@ -312,21 +253,16 @@ TEST_F(AutoLockTest, TheStoredLimitLocksOnceTheDesktopReportsThatMuchIdleness) {
     struct Case {
         const char* name;
         DesktopStandIn::Present present;
-        Idle below;
-        Idle at;
+        Idle below, at;
     };
-    std::vector<Case> cases = {
-        {"Mutter", {.screenSaver = false}, {299'900, 0}, {300'000, 0}},
-        {"freedesktop screen saver", {.mutter = false}, {0, 299}, {0, 300}},
-        {"both, Mutter first", {}, {299'000, 400}, {300'000, 0}},
-    };
-    for (const auto& test : cases) {
+    for (const auto& test :
+         std::vector<Case>{{"Mutter", {.screenSaver = false}, {299'900, 0}, {300'000, 0}},
+                           {"freedesktop", {.mutter = false}, {0, 299}, {0, 300}},
+                           {"Mutter first", {}, {299'000, 400}, {300'000, 0}}}) {
         SCOPED_TRACE(test.name);
-        startDesktop(test.present);
+        app::AppModel& app = startWithDesktop(test.present);
         desktop->mutterIdleMilliseconds = test.below.mutterMilliseconds;
         desktop->screenSaverIdleSeconds = test.below.screenSaverSeconds;
-        app::AppModel& app = startModel();
-        waitUntilListening();
         unlockItem("Away");
         spinFor(500ms);
         EXPECT_TRUE(app.autoLock().idleAvailable());
@@ -337,25 +273,20 @@ TEST_F(AutoLockTest, TheStoredLimitLocksOnceTheDesktopReportsThatMuchIdleness) {
         EXPECT_TRUE(spinUntil([&] { return app.openItems().empty(); }, 10s));
     }
 
-    // Locking after idleness retries while the user stays away, and stops once they are back.
-    app::AppModel& app = *model;
-    std::string mount = unlockItem("Away");
-    auto holder = holding(mount + "/a.txt");
-    user.log.clear();
-    LockAttempts attempts(app, "Away");
+    // Retries go on while the user stays away and end when they are back.
+    auto holder = holding(unlockItem("Away") + "/a.txt");
+    LockAttempts attempts(*model, "Away");
     desktop->mutterIdleMilliseconds = 300'000;
     ASSERT_TRUE(spinUntil([&] { return attempts.count >= 3; }, 10s));
-    EXPECT_EQ(user.entries("notify: "), std::vector{notice("Away")});
     desktop->mutterIdleMilliseconds = 10'000;
-    EXPECT_TRUE(spinUntil([&] { return !app.autoLockRetrying(); }, 5s));
-    EXPECT_EQ(app.openItems().size(), 1u);
+    EXPECT_TRUE(spinUntil([&] { return !model->autoLockRetrying(); }, 5s));
+    EXPECT_EQ(model->openItems().size(), 1u);
     holder.reset();
-    await(app.lockAll());
+    await(model->lockAll());
 }
 
-TEST_F(AutoLockTest, WithoutLogindOrAScreenSaverOrWithNonsenseFromThemNothingBreaks) {
+TEST_F(AutoLockTest, WithoutLogindOrScreenSaverOrWithNonsenseFromThemNothingBreaks) {
     {
-        SCOPED_TRACE("no system bus, no screen saver");
         ScopedVariable noSystemBus("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=" + root / "no-bus");
         app::AppModel& app = startModel();
         unlockItem("Plain");
@@ -364,76 +295,38 @@ TEST_F(AutoLockTest, WithoutLogindOrAScreenSaverOrWithNonsenseFromThemNothingBre
         EXPECT_TRUE(settingsSayIdleUnavailable(app));
         EXPECT_EQ(app.openItems().size(), 1u);
         await(app.lockAll());
-        EXPECT_TRUE(app.openItems().empty());
-    }
-    {
-        SCOPED_TRACE("no bus at all");
-        ScopedVariable noSystemBus("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=" + root / "no-bus");
-        ScopedVariable noSessionBus("DBUS_SESSION_BUS_ADDRESS", std::nullopt);
-        ScopedVariable noRuntime("XDG_RUNTIME_DIR", std::nullopt);
-        int triggers = 0;
-        app::AutoLock alone({[] { return true; }, [&](Trigger) { ++triggers; }},
-                            UserSettings(root / "settings.json"), 50ms);
-        alone.start();
-        alone.setItemsOpen(true);
-        alone.lockFinished();
-        spinFor(300ms);
-        EXPECT_FALSE(alone.idleAvailable());
-        EXPECT_EQ(triggers, 0);
     }
 
-    SCOPED_TRACE("services that answer nonsense");
-    startDesktop();
     // Only GetSession("auto") answers properly.
+    desktop = std::make_unique<DesktopStandIn>(
+        loginBus.address(), std::getenv("DBUS_SESSION_BUS_ADDRESS"), DesktopStandIn::Present{});
     desktop->misbehave = [](const QDBusMessage& call) -> std::optional<QVariantList> {
         QString member = call.member();
         if (member == "GetSessionByPID") return QVariantList{42u};
         if (member == "Get") return QVariantList{true};  // not in a variant
-        if (member == "GetIdletime") return QVariantList{QStringLiteral("soon")};
+        if (member == "GetIdletime") return QVariantList{"soon"};
         if (member == "GetSessionIdleTime") return QVariantList{};
-        if (member == "Inhibit") return QVariantList{QStringLiteral("descriptor")};
+        if (member == "Inhibit") return QVariantList{"descriptor"};
         return std::nullopt;
     };
     app::AppModel& app = startModel();
-    waitUntilListening();
     unlockItem("Plain");
-    ASSERT_TRUE(spinUntil([&] { return !desktop->inhibitCalls().empty(); }, 5s));
+    ASSERT_TRUE(spinUntil([&] { return desktop->calls("Inhibit") && desktop->calls("Get"); }));
     user.log.clear();
-    desktop->emitManager("PrepareForSleep", {QStringLiteral("yes")});
-    desktop->emitManager("PrepareForShutdown", {1});
-    desktop->emitScreenSaver(kGnomeScreenSaver, 42);
-    desktop->emitScreenSaver(kScreenSaver, QStringLiteral("true"));
+    desktop->emitManager("PrepareForSleep", "yes");
+    desktop->emitManager("PrepareForShutdown", 1);
+    desktop->emitScreenSaver(kGnome, 42);
+    desktop->emitScreenSaver(kFreedesktop, "true");
     desktop->changeSession("LockedHint", 1);
-    desktop->changeSession("Active", QStringLiteral("no"));
+    desktop->changeSession("Active", "no");
     spinFor(500ms);
     EXPECT_EQ(app.openItems().size(), 1u);
     EXPECT_FALSE(app.autoLock().idleAvailable());
     EXPECT_FALSE(app.autoLock().screenIsLocked());
     EXPECT_EQ(desktop->inhibitorsHeld(), 0);
     EXPECT_TRUE(user.log.empty());
-    // The session found through "auto" is listened to.
-    EXPECT_EQ(desktop->calls("GetSession"), 1u);
-    desktop->emitSession("Lock");
+    desktop->emitSession("Lock");  // the session found through "auto"
     EXPECT_TRUE(spinUntil([&] { return app.openItems().empty(); }, 10s));
-}
-
-TEST_F(AutoLockTest, ThreeOpenItemsLockWellWithinLogindsDelayBeforeSleep) {
-    startDesktop();
-    app::AppModel& app = startModel();
-    waitUntilListening();
-    for (const char* name : {"One", "Two", "Three"}) unlockItem(name);
-    ASSERT_EQ(app.openItems().size(), 3u);
-    ASSERT_TRUE(spinUntil([&] { return desktop->inhibitorsHeld() == 1; }, 5s));
-    QElapsedTimer timer;
-    timer.start();
-    desktop->emitManager("PrepareForSleep", {true});
-    ASSERT_TRUE(spinUntil([&] { return desktop->inhibitorsHeld() == 0; }, 10s));
-    qint64 elapsed = timer.elapsed();
-    std::cout << "[ MEASURED ] three open items locked for sleep in " << elapsed << " ms\n";
-    RecordProperty("sleepLockMilliseconds", static_cast<int>(elapsed));
-    EXPECT_TRUE(app.openItems().empty());
-    // logind lets a delay lock hold a sleep back for five seconds at most.
-    EXPECT_LT(elapsed, 5000);
 }
 
 }  // namespace corvane::testing

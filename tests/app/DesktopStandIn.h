@@ -17,10 +17,8 @@
 #include <QDBusVirtualObject>
 #include <algorithm>
 #include <atomic>
-#include <cerrno>
 #include <cstdint>
 #include <functional>
-#include <map>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -33,10 +31,7 @@ namespace corvane::testing {
 
 class DesktopStandIn : public QDBusVirtualObject {
 public:
-    static inline const QString managerPath = QStringLiteral("/org/freedesktop/login1");
     static inline const QString sessionPath = QStringLiteral("/org/freedesktop/login1/session/_31");
-    static inline const QString manager = QStringLiteral("org.freedesktop.login1.Manager");
-    static inline const QString session = QStringLiteral("org.freedesktop.login1.Session");
 
     struct Present {
         bool logind = true;
@@ -45,19 +40,17 @@ public:
         bool gnomeScreenSaver = true;
     };
 
-    // What the idle questions answer.
     std::atomic<std::uint64_t> mutterIdleMilliseconds{0};
     std::atomic<std::uint32_t> screenSaverIdleSeconds{0};
-    // When set before the services are asked, replaces the answer to every call it returns
-    // something for: a service that sends nonsense.
+    // Set before the services are asked: replaces every answer it returns one for.
     std::function<std::optional<QVariantList>(const QDBusMessage&)> misbehave;
 
     DesktopStandIn(const std::string& systemAddress, const std::string& sessionAddress,
                    Present present)
-        : system_(connect(systemAddress, "system")), session_(connect(sessionAddress, "session")) {
+        : system_(connect(systemAddress)), session_(connect(sessionAddress)) {
         if (pipe2(stop_, O_CLOEXEC) != 0) throw std::runtime_error("no pipe");
-        system_.registerVirtualObject(QStringLiteral("/"), this, QDBusConnection::SubPath);
-        session_.registerVirtualObject(QStringLiteral("/"), this, QDBusConnection::SubPath);
+        for (auto* bus : {&system_, &session_})
+            bus->registerVirtualObject(QStringLiteral("/"), this, QDBusConnection::SubPath);
         if (present.logind) system_.registerService(QStringLiteral("org.freedesktop.login1"));
         if (present.mutter)
             session_.registerService(QStringLiteral("org.gnome.Mutter.IdleMonitor"));
@@ -79,23 +72,24 @@ public:
         ::close(stop_[1]);
     }
 
-    void emitManager(const QString& name, const QVariantList& arguments) {
-        send(system_, managerPath, manager, name, arguments);
+    // PrepareForSleep, PrepareForShutdown.
+    void emitManager(const QString& name, const QVariant& argument) {
+        send(system_, QStringLiteral("/org/freedesktop/login1"),
+             QStringLiteral("org.freedesktop.login1.Manager"), name, {argument});
     }
-    void emitSession(const QString& name) { send(system_, sessionPath, session, name, {}); }
+    // Lock, Unlock.
+    void emitSession(const QString& name) {
+        send(system_, sessionPath, QStringLiteral("org.freedesktop.login1.Session"), name, {});
+    }
     void changeSession(const QString& property, const QVariant& value) {
-        {
-            std::lock_guard guard(lock_);
-            properties_[property] = value;
-        }
         send(system_, sessionPath, QStringLiteral("org.freedesktop.DBus.Properties"),
              QStringLiteral("PropertiesChanged"),
-             {session, QVariantMap{{property, value}}, QStringList()});
+             {QStringLiteral("org.freedesktop.login1.Session"), QVariantMap{{property, value}},
+              QStringList()});
     }
-    // "org.freedesktop.ScreenSaver" or "org.gnome.ScreenSaver"; `active` is usually a bool.
+    // ActiveChanged of "org.freedesktop.ScreenSaver" or "org.gnome.ScreenSaver".
     void emitScreenSaver(const QString& service, const QVariant& active) {
-        QString path =
-            QLatin1Char('/') + QString(service).replace(QLatin1Char('.'), QLatin1Char('/'));
+        QString path = QLatin1Char('/') + QString(service).replace(u'.', u'/');
         send(session_, path, service, QStringLiteral("ActiveChanged"), {active});
     }
 
@@ -103,61 +97,56 @@ public:
         std::lock_guard guard(lock_);
         return static_cast<std::size_t>(std::count(calls_.begin(), calls_.end(), member));
     }
-    std::vector<QVariantList> inhibitCalls() const {
+    QVariantList lastInhibit() const {
         std::lock_guard guard(lock_);
-        return inhibitCalls_;
+        return lastInhibit_;
     }
     int inhibitorsHeld() const { return held_; }
-    // For each inhibitor let go so far, in order: whether the watched mount was still mounted.
+    // For each inhibitor let go so far, in order: whether the watched mount was still there.
     std::vector<bool> mountedAtRelease() const {
         std::lock_guard guard(lock_);
         return mountedAtRelease_;
     }
     void watchMount(const std::string& mountPoint) {
         std::lock_guard guard(lock_);
-        watchedMount_ = mountPoint;
+        watchedMount_ = " " + mountPoint + " ";
     }
 
     QString introspect(const QString&) const override { return {}; }
 
-    bool handleMessage(const QDBusMessage& message, const QDBusConnection& connection) override {
-        QString member = message.member();
+    bool handleMessage(const QDBusMessage& call, const QDBusConnection& bus) override {
+        QString member = call.member();
         {
             std::lock_guard guard(lock_);
             calls_.push_back(member);
-            if (member == QStringLiteral("Inhibit")) inhibitCalls_.push_back(message.arguments());
+            if (member == "Inhibit") lastInhibit_ = call.arguments();
         }
-        if (misbehave)
-            if (auto answer = misbehave(message)) {
-                connection.send(message.createReply(*answer));
-                return true;
-            }
-        if (member == QStringLiteral("GetSessionByPID") || member == QStringLiteral("GetSession")) {
-            connection.send(message.createReply(QVariant::fromValue(QDBusObjectPath(sessionPath))));
-        } else if (member == QStringLiteral("Get") && message.path() == sessionPath) {
-            std::lock_guard guard(lock_);
-            QVariant value = properties_[message.arguments().value(1).toString()];
-            connection.send(message.createReply(QVariant::fromValue(QDBusVariant(value))));
-        } else if (member == QStringLiteral("Inhibit")) {
-            connection.send(message.createReply(QVariant::fromValue(inhibitor())));
-        } else if (member == QStringLiteral("GetIdletime")) {
-            connection.send(message.createReply(
-                QVariant::fromValue(static_cast<qulonglong>(mutterIdleMilliseconds.load()))));
-        } else if (member == QStringLiteral("GetSessionIdleTime")) {
-            connection.send(message.createReply(
-                QVariant::fromValue(static_cast<uint>(screenSaverIdleSeconds.load()))));
-        } else {
-            connection.send(message.createErrorReply(QDBusError::UnknownMethod, member));
-        }
+        std::optional<QVariantList> answer = misbehave ? misbehave(call) : std::nullopt;
+        if (!answer) answer = properAnswer(call);
+        bus.send(answer ? call.createReply(*answer)
+                        : call.createErrorReply(QDBusError::UnknownMethod, member));
         return true;
     }
 
 private:
-    static QDBusConnection connect(const std::string& address, const char* bus) {
+    std::optional<QVariantList> properAnswer(const QDBusMessage& call) {
+        QString member = call.member();
+        if (member == "GetSessionByPID" || member == "GetSession")
+            return QVariantList{QVariant::fromValue(QDBusObjectPath(sessionPath))};
+        if (member == "Get" && call.path() == sessionPath)
+            return QVariantList{QVariant::fromValue(QDBusVariant(false))};  // LockedHint
+        if (member == "Inhibit") return QVariantList{QVariant::fromValue(inhibitor())};
+        if (member == "GetIdletime")
+            return QVariantList{QVariant::fromValue(qulonglong(mutterIdleMilliseconds.load()))};
+        if (member == "GetSessionIdleTime")
+            return QVariantList{QVariant::fromValue(uint(screenSaverIdleSeconds.load()))};
+        return std::nullopt;
+    }
+
+    static QDBusConnection connect(const std::string& address) {
         static std::atomic<int> counter{0};
-        return QDBusConnection::connectToBus(
-            QString::fromStdString(address),
-            QStringLiteral("desktop-standin-%1-%2").arg(bus).arg(counter++));
+        return QDBusConnection::connectToBus(QString::fromStdString(address),
+                                             QStringLiteral("desktop-standin-%1").arg(counter++));
     }
 
     static void send(QDBusConnection& bus, const QString& path, const QString& interface,
@@ -165,10 +154,6 @@ private:
         QDBusMessage signal = QDBusMessage::createSignal(path, interface, name);
         signal.setArguments(arguments);
         bus.send(signal);
-    }
-
-    static bool mounted(const std::string& mountPoint) {
-        return readFile("/proc/self/mountinfo").find(" " + mountPoint + " ") != std::string::npos;
     }
 
     // The caller's end of a new pipe; a thread waits for every copy of it to close.
@@ -185,7 +170,9 @@ private:
             }
             if (waits[0].revents & (POLLHUP | POLLIN)) {
                 std::lock_guard guard(lock_);
-                mountedAtRelease_.push_back(!watchedMount_.empty() && mounted(watchedMount_));
+                mountedAtRelease_.push_back(!watchedMount_.empty() &&
+                                            readFile("/proc/self/mountinfo").find(watchedMount_) !=
+                                                std::string::npos);
                 --held_;
             }
             ::close(end);
@@ -199,9 +186,7 @@ private:
     std::atomic<int> held_{0};
     mutable std::mutex lock_;
     std::vector<QString> calls_;
-    std::vector<QVariantList> inhibitCalls_;
-    std::map<QString, QVariant> properties_{{QStringLiteral("LockedHint"), false},
-                                            {QStringLiteral("Active"), true}};
+    QVariantList lastInhibit_;
     std::vector<bool> mountedAtRelease_;
     std::string watchedMount_;
     std::vector<std::thread> watchers_;
