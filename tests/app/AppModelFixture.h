@@ -136,6 +136,8 @@ protected:
 
     void settle() {
         await(model->waitUntilReady());
+        // Start-up's own refresh is not an activity; this one runs after it on the worker.
+        await(model->refresh());
         EXPECT_TRUE(spinUntil([&] { return model->activity().isIdle(); }));
     }
 
