@@ -246,8 +246,8 @@ TEST_F(IntegrateTest, FileManagersRunTheProgramTheyWereGiven) {
     writeFile(
         root / "py/files.py",
         "import importlib.util, sys\n"
-        "spec = importlib.util.spec_from_file_location('extension', sys.argv[1])\n"
-        "extension = importlib.util.module_from_spec(spec)\nspec.loader.exec_module(extension)\n"
+        "found = importlib.util.spec_from_file_location('extension', sys.argv[1])\n"
+        "extension = importlib.util.module_from_spec(found)\nfound.loader.exec_module(extension)\n"
         "files = [type('File', (), {'get_uri': lambda self, uri=uri: uri})() "
         "for uri in sys.argv[3:]]\nmenu = extension.CorvaneMenu()\n"
         "items = menu.get_file_items(*([None] if sys.argv[2] == 'window' else []), files)\n"
