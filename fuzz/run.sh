@@ -5,7 +5,8 @@
 #   fuzz/run.sh BUILD_FOLDER [TARGET...]
 # FUZZ_SECONDS (60) is each target's time; FUZZ_RUNS, when set, runs each target for that many
 # executions instead. Crash inputs land in BUILD_FOLDER/crashes/TARGET/; the figures of every run
-# in BUILD_FOLDER/summary.txt. Fails when any target crashed.
+# in BUILD_FOLDER/summary.txt, or in FUZZ_SUMMARY when two runs share a build folder. Fails when
+# any target crashed.
 set -euo pipefail
 
 source=$(cd "$(dirname "$0")/.." && pwd)
@@ -49,7 +50,7 @@ memory=/dev/shm
 [[ -n "${TMPDIR:-}" || ! -d "$memory" || ! -w "$memory" ]] && memory=${TMPDIR:-/tmp}
 scratch=$(mktemp -d "$memory/corvane-fuzz-run.XXXXXX")
 trap 'rm -rf "$probe" "$scratch"' EXIT
-summary="$build/summary.txt"
+summary=${FUZZ_SUMMARY:-$build/summary.txt}
 printf '%-18s %12s %8s %9s %7s %7s %6s\n' target executions seconds exec/s cov ft result \
     >"$summary"
 crashed=()
