@@ -99,63 +99,53 @@ TEST(PromptPanelTest, PasswordTellsAnEmptyEntryFromACancel) {
     }
 }
 
-// The chooser is shown on a folder of the test's own, where the user selects `names`.
-template <class Choose>
-void chooseIn(const QString& folder, const QStringList& names, const QString& accept,
-              bool& acceptEnabled, Choose choose) {
-    whenModal([=, &acceptEnabled](QWidget* widget) {
-        auto* dialog = static_cast<QFileDialog*>(widget);
-        dialog->setDirectory(folder);
-        auto* model = dialog->findChild<QFileSystemModel*>();
-        auto* view = dialog->findChild<QListView*>("listView");
-        for (const QString& name : names)
-            view->selectionModel()->select(model->index(folder + "/" + name),
-                                           QItemSelectionModel::Select | QItemSelectionModel::Rows);
-        QAbstractButton* button = buttonNamed(dialog, accept);
-        acceptEnabled = button->isEnabled();
-        if (acceptEnabled)
-            button->click();
-        else
-            dialog->reject();
-    });
-    choose();
-}
-
-TEST(PromptPanelTest, ItemsToLockMayBeFilesAndFoldersTogether) {
-    QTemporaryDir folder;
-    QDir(folder.path()).mkdir("Photos");
-    QFile(folder.filePath("notes.txt")).open(QIODevice::WriteOnly);
-    PromptPanel panel;
-    bool enabled = false;
-    std::vector<std::string> chosen;
-    chooseIn(folder.path(), {"Photos", "notes.txt"}, "Lock", enabled,
-             [&] { chosen = panel.chooseItemsToLock(); });
-    EXPECT_TRUE(enabled);
-    std::sort(chosen.begin(), chosen.end());
-    EXPECT_EQ(chosen, (std::vector<std::string>{folder.filePath("Photos").toStdString(),
-                                                folder.filePath("notes.txt").toStdString()}));
-}
-
-TEST(PromptPanelTest, ALockedItemMustBeACorvlockFolder) {
+TEST(PromptPanelTest, ItemsToLockMayBeFilesAndFoldersButALockedItemMustBeACorvlockFolder) {
     struct Case {
-        const char* folder;
+        bool lockedItem;  // which chooser
+        QStringList selected;
         bool accepted;
     };
-    const Case cases[] = {{"Photos.corvlock", true}, {"Photos", false}};
+    const Case cases[] = {{false, {"Photos", "notes.txt"}, true},
+                          {true, {"Photos.corvlock"}, true},
+                          {true, {"Photos"}, false}};
     for (const Case& c : cases) {
-        SCOPED_TRACE(c.folder);
+        SCOPED_TRACE(c.selected.join(", ").toStdString());
         QTemporaryDir folder;
-        QDir(folder.path()).mkdir(c.folder);
-        PromptPanel panel;
-        bool enabled = false;
-        std::optional<std::string> chosen;
-        chooseIn(folder.path(), {c.folder}, "Choose", enabled,
-                 [&] { chosen = panel.chooseLockedItem("Photos"); });
-        EXPECT_EQ(enabled, c.accepted);
-        EXPECT_EQ(chosen.has_value(), c.accepted);
-        if (chosen) {
-            EXPECT_EQ(*chosen, folder.filePath(c.folder).toStdString());
+        std::vector<std::string> expected;
+        for (const QString& name : c.selected) {
+            if (name.endsWith(".txt"))
+                QFile(folder.filePath(name)).open(QIODevice::WriteOnly);
+            else
+                QDir(folder.path()).mkdir(name);
+            if (c.accepted) expected.push_back(folder.filePath(name).toStdString());
         }
+        bool acceptEnabled = false;
+        // The chooser is shown on the test's folder, where the user selects the names.
+        whenModal([&](QWidget* widget) {
+            auto* dialog = static_cast<QFileDialog*>(widget);
+            dialog->setDirectory(folder.path());
+            auto* model = dialog->findChild<QFileSystemModel*>();
+            auto* view = dialog->findChild<QListView*>("listView");
+            for (const QString& name : c.selected)
+                view->selectionModel()->select(
+                    model->index(folder.filePath(name)),
+                    QItemSelectionModel::Select | QItemSelectionModel::Rows);
+            QAbstractButton* button = buttonNamed(dialog, c.lockedItem ? "Choose" : "Lock");
+            acceptEnabled = button->isEnabled();
+            if (acceptEnabled)
+                button->click();
+            else
+                dialog->reject();
+        });
+        PromptPanel panel;
+        std::vector<std::string> chosen;
+        if (!c.lockedItem)
+            chosen = panel.chooseItemsToLock();
+        else if (auto item = panel.chooseLockedItem("Photos"))
+            chosen.push_back(*item);
+        std::sort(chosen.begin(), chosen.end());
+        EXPECT_EQ(acceptEnabled, c.accepted);
+        EXPECT_EQ(chosen, expected);
     }
 }
 

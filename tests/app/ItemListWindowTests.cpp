@@ -12,6 +12,7 @@
 #include <QStackedWidget>
 #include <QTreeWidget>
 #include <QUrl>
+#include <map>
 
 #include "ItemListWindow.h"
 
@@ -34,10 +35,10 @@ ItemRow makeRow(const std::string& name, State state, bool needsPasswordUpdate =
 }
 
 // Every request the window makes, as "signal argument".
-struct Requests {
+struct Requested {
     std::vector<std::string> log;
 
-    explicit Requests(ItemListWindow& window) {
+    explicit Requested(ItemListWindow& window) {
         auto path = [this](const char* what) {
             return [this, what](const std::string& path) { log.push_back(what + (" " + path)); };
         };
@@ -69,7 +70,7 @@ void select(ItemListWindow& window, int index) {
     list(window)->setCurrentItem(list(window)->topLevelItem(index));
 }
 
-TEST(ItemListWindowTests, ShowsEachRowsNameLocationSizeAndStatus) {
+TEST(ItemListWindowTests, ShowsEachRowsNameLocationSizeAndStatusOrHowToLockWhenEmpty) {
     struct Case {
         ItemRow row;
         QString name, size, status;
@@ -84,11 +85,19 @@ TEST(ItemListWindowTests, ShowsEachRowsNameLocationSizeAndStatus) {
         {makeRow("Rapport \xc3\xa9t\xc3\xa9", locked), QString::fromUtf8("Rapport été"), "",
          "Locked"},
     };
+    ItemListWindow window;
+    auto* pages = window.findChild<QStackedWidget*>();
+    auto* empty = window.findChild<QWidget*>("emptyState");
+    window.setRows({});
+    EXPECT_EQ(pages->currentWidget(), empty);
+    EXPECT_TRUE(window.findChild<QLabel*>("emptyText")
+                    ->text()
+                    .startsWith("Nothing is locked yet. Drag files or folders here"));
+
     std::vector<ItemRow> rows;
     for (auto& c : cases) rows.push_back(c.row);
-    ItemListWindow window;
     window.setRows(rows);
-
+    EXPECT_EQ(pages->currentWidget(), list(window));
     ASSERT_EQ(list(window)->topLevelItemCount(), static_cast<int>(cases.size()));
     for (std::size_t i = 0; i < cases.size(); ++i) {
         auto* item = list(window)->topLevelItem(static_cast<int>(i));
@@ -98,49 +107,8 @@ TEST(ItemListWindowTests, ShowsEachRowsNameLocationSizeAndStatus) {
         EXPECT_EQ(item->text(ItemListWindow::sizeColumn), cases[i].size);
         EXPECT_EQ(item->text(ItemListWindow::statusColumn), cases[i].status);
     }
-}
-
-TEST(ItemListWindowTests, EmptyListShowsHowToLockInstead) {
-    ItemListWindow window;
-    auto* pages = window.findChild<QStackedWidget*>();
-    auto* empty = window.findChild<QWidget*>("emptyState");
     window.setRows({});
     EXPECT_EQ(pages->currentWidget(), empty);
-    EXPECT_TRUE(window.findChild<QLabel*>("emptyText")
-                    ->text()
-                    .startsWith("Nothing is locked yet. Drag files or folders here"));
-    window.setRows({makeRow("Report", locked)});
-    EXPECT_EQ(pages->currentWidget(), list(window));
-    window.setRows({});
-    EXPECT_EQ(pages->currentWidget(), empty);
-}
-
-TEST(ItemListWindowTests, ActionsFollowTheSelectedItemsState) {
-    const std::vector<const char*> names = {"unlock",     "lockNow", "reveal",
-                                            "removeLock", "forget",  "locate"};
-    struct Case {
-        const char* label;
-        std::optional<ItemRow> row;  // nothing: no selection
-        std::vector<bool> enabled;   // in the order of `names`
-    };
-    std::vector<Case> cases = {
-        {"nothing selected", std::nullopt, {false, false, false, false, false, false}},
-        {"locked", makeRow("Taxes", locked), {true, false, false, true, true, false}},
-        {"open", makeRow("Report", open), {false, true, true, false, true, false}},
-        {"missing", makeRow("Old", missing), {false, false, false, false, true, true}},
-        {"locked, old password",
-         makeRow("Plans", locked, true),
-         {true, false, false, true, true, false}},
-    };
-    for (auto& c : cases) {
-        SCOPED_TRACE(c.label);
-        ItemListWindow window;
-        window.setRows({c.row.value_or(makeRow("Other", locked))});
-        if (c.row) select(window, 0);
-        for (std::size_t i = 0; i < names.size(); ++i)
-            EXPECT_EQ(action(window, names[i])->isEnabled(), c.enabled[i]) << names[i];
-        EXPECT_TRUE(action(window, "lockFiles")->isEnabled());
-    }
 }
 
 void doubleClick(QTreeWidget* view, int index) {
@@ -155,33 +123,52 @@ void doubleClick(QTreeWidget* view, int index) {
     }
 }
 
-TEST(ItemListWindowTests, ActionsAndDoubleClickAskForTheSelectedItem) {
+TEST(ItemListWindowTests, ActionsFollowTheSelectedItemsStateAndAskForIt) {
+    const std::string url = "/home/ana/Documents/Report.corvlock";
+    using Requests = std::map<std::string, std::string>;  // what each enabled action asks for
+    const Requests forLocked = {{"unlock", "unlock " + url},
+                                {"removeLock", "removeLock " + url},
+                                {"forget", "forget Report"}};
     struct Case {
-        State state;
-        const char* action;  // nothing: a double-click on the row
-        std::string request;
+        const char* label;
+        std::optional<ItemRow> row;  // nothing: no selection
+        Requests requests;
+        std::optional<std::string> doubleClick;
     };
-    std::string url = "/home/ana/Documents/Report.corvlock";
     std::vector<Case> cases = {
-        {locked, "unlock", "unlock " + url}, {locked, "removeLock", "removeLock " + url},
-        {locked, "forget", "forget Report"}, {open, "lockNow", "lockNow " + url},
-        {open, "reveal", "reveal " + url},   {missing, "locate", "locate Report"},
-        {locked, nullptr, "unlock " + url},  {open, nullptr, "reveal " + url},
-        {missing, nullptr, "locate Report"},
+        {"nothing selected", std::nullopt, {}, std::nullopt},
+        {"locked", makeRow("Report", locked), forLocked, "unlock " + url},
+        {"open",
+         makeRow("Report", open),
+         {{"lockNow", "lockNow " + url}, {"reveal", "reveal " + url}, {"forget", "forget Report"}},
+         "reveal " + url},
+        {"missing",
+         makeRow("Report", missing),
+         {{"forget", "forget Report"}, {"locate", "locate Report"}},
+         "locate Report"},
+        {"locked, old password", makeRow("Report", locked, true), forLocked, "unlock " + url},
     };
     for (auto& c : cases) {
-        SCOPED_TRACE(c.action ? c.action : "double-click");
+        SCOPED_TRACE(c.label);
         ItemListWindow window;
         window.show();
-        Requests requests(window);
+        Requested requested(window);
         // The item of interest is not the first, so that a request for the wrong row shows.
-        window.setRows({makeRow("Other", c.state), makeRow("Report", c.state)});
-        select(window, 1);
-        if (c.action)
-            action(window, c.action)->trigger();
-        else
-            doubleClick(list(window), 1);
-        EXPECT_EQ(requests.log, std::vector<std::string>{c.request});
+        window.setRows({makeRow("Other", locked), c.row.value_or(makeRow("Report", locked))});
+        if (c.row) select(window, 1);
+        EXPECT_TRUE(action(window, "lockFiles")->isEnabled());
+        for (const char* name : {"unlock", "lockNow", "reveal", "removeLock", "forget", "locate"}) {
+            auto asked = c.requests.find(name);
+            ASSERT_EQ(action(window, name)->isEnabled(), asked != c.requests.end()) << name;
+            if (asked == c.requests.end()) continue;
+            requested.log.clear();
+            action(window, name)->trigger();
+            EXPECT_EQ(requested.log, std::vector<std::string>{asked->second}) << name;
+        }
+        if (!c.doubleClick) continue;
+        requested.log.clear();
+        doubleClick(list(window), 1);
+        EXPECT_EQ(requested.log, std::vector<std::string>{*c.doubleClick});
     }
 }
 
@@ -230,7 +217,7 @@ TEST(ItemListWindowTests, DroppedLocalFilesAskToBeLockedAsBytes) {
     for (auto& c : cases) {
         SCOPED_TRACE(c.label);
         ItemListWindow window;
-        Requests requests(window);
+        Requested requested(window);
         QMimeData data;
         QList<QUrl> urls;
         for (auto* url : c.urls) urls.append(QUrl::fromEncoded(url));
@@ -245,7 +232,7 @@ TEST(ItemListWindowTests, DroppedLocalFilesAskToBeLockedAsBytes) {
 
         std::vector<std::string> expected;
         for (auto& path : c.paths) expected.push_back("lock " + path);
-        EXPECT_EQ(requests.log, expected);
+        EXPECT_EQ(requested.log, expected);
     }
 }
 

@@ -54,19 +54,25 @@ struct Harness {
     int finished = 0;
 };
 
-TEST(SetupWindowTest, ContinueFollowsTheFieldsAndTheBoxAsTheyChange) {
+TEST(SetupWindowTest, ContinueFollowsTheFieldsAndTheBoxThenChecksTheRulesBeforeTheMatch) {
     struct Case {
         const char* password;
         const char* confirmation;
         bool understood;
         bool enabled;
+        std::optional<std::string> error;  // once Continue is clicked; none: on to the next step
     };
     // One window through all rows: each change must update the button at once.
     const Case cases[] = {
-        {"", "", false, false},          {"secret", "", true, false},
-        {"", "secret", true, false},     {"secret", "other", false, false},
-        {"secret", "other", true, true}, {"secret", "", true, false},
-        {"x", "y", true, true},
+        {"", "", false, false, {}},
+        {"secret", "", true, false, {}},
+        {"", "secret", true, false, {}},
+        {"secret", "other", false, false, {}},
+        {"short", "different", true, true, PasswordRules::problem("short")},
+        {"secret", "", true, false, {}},
+        {"x", "y", true, true, PasswordRules::problem("x")},
+        {"long enough one", "long enough two", true, true, "The passwords do not match."},
+        {"long enough one", "long enough one", true, true, std::nullopt},
     };
     Harness setup;
     setup.window.showStep(SetupWindow::password);
@@ -77,30 +83,10 @@ TEST(SetupWindowTest, ContinueFollowsTheFieldsAndTheBoxAsTheyChange) {
         EXPECT_EQ(setup.window.canAdvance(), c.enabled);
         ASSERT_NE(setup.button("Continue"), nullptr);
         EXPECT_EQ(setup.button("Continue")->isEnabled(), c.enabled);
-    }
-}
-
-TEST(SetupWindowTest, PasswordStepChecksTheRulesBeforeTheMatch) {
-    struct Case {
-        const char* password;
-        const char* confirmation;
-        std::string error;
-        int step;
-    };
-    const Case cases[] = {
-        {"short", "different", *PasswordRules::problem("short"), SetupWindow::password},
-        {"long enough one", "long enough two", "The passwords do not match.",
-         SetupWindow::password},
-        {"long enough one", "long enough one", "", SetupWindow::fingerprint},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.password);
-        Harness setup;
-        setup.window.showStep(SetupWindow::password);
-        setup.type(c.password, c.confirmation);
-        setup.window.advance();
-        EXPECT_EQ(setup.window.error().toStdString(), c.error);
-        EXPECT_EQ(setup.window.step(), c.step);
+        if (!c.enabled) continue;
+        setup.button("Continue")->click();
+        EXPECT_EQ(setup.window.error().toStdString(), c.error.value_or(""));
+        EXPECT_EQ(setup.window.step(), c.error ? SetupWindow::password : SetupWindow::fingerprint);
     }
 }
 
@@ -129,15 +115,21 @@ TEST(SetupWindowTest, StepsMoveOverTheFingerprintStepOnlyWithoutAReader) {
     }
 }
 
-TEST(SetupWindowTest, SavesOnlyAtTheLastButtonWithTheFingerprintChoice) {
+TEST(SetupWindowTest, SavesOnlyAtTheLastButtonWithTheFingerprintChoiceAndStaysThereOnFailure) {
+    const std::string failure = "Could not save your password to the keyring.";
     struct Case {
         bool reader;
         bool keepFingerprint;
         bool saved;
+        bool failsFirst;
     };
-    const Case cases[] = {{true, true, true}, {true, false, false}, {false, true, false}};
+    const Case cases[] = {{true, true, true, false},
+                          {true, false, false, false},
+                          {false, true, false, false},
+                          {true, true, true, true}};
     for (const Case& c : cases) {
-        SCOPED_TRACE(::testing::Message() << c.reader << " " << c.keepFingerprint);
+        SCOPED_TRACE(::testing::Message()
+                     << c.reader << " " << c.keepFingerprint << " " << c.failsFirst);
         Harness setup(c.reader);
         setup.passPassword();
         if (c.reader) {
@@ -150,27 +142,19 @@ TEST(SetupWindowTest, SavesOnlyAtTheLastButtonWithTheFingerprintChoice) {
         }
         EXPECT_TRUE(setup.saved.empty());
         ASSERT_NE(setup.button("Start Using Corvane"), nullptr);
+        if (c.failsFirst) {
+            setup.saveFailure = failure;
+            setup.button("Start Using Corvane")->click();
+            EXPECT_EQ(setup.window.step(), SetupWindow::done);
+            EXPECT_EQ(setup.window.error().toStdString(), failure);
+            EXPECT_EQ(setup.finished, 0);
+            setup.saveFailure.reset();
+        }
         setup.button("Start Using Corvane")->click();
-        ASSERT_EQ(setup.saved.size(), 1u);
-        EXPECT_EQ(setup.saved[0], std::pair(std::string("correct horse"), c.saved));
+        ASSERT_EQ(setup.saved.size(), c.failsFirst ? 2u : 1u);
+        EXPECT_EQ(setup.saved.back(), std::pair(std::string("correct horse"), c.saved));
         EXPECT_EQ(setup.finished, 1);
     }
-}
-
-TEST(SetupWindowTest, AFailedSaveStaysOnTheLastStepWithItsSentence) {
-    Harness setup;
-    setup.passPassword();
-    setup.window.showStep(SetupWindow::done);
-    setup.saveFailure = "Could not save your password to the keyring.";
-    setup.window.advance();
-    EXPECT_EQ(setup.window.step(), SetupWindow::done);
-    EXPECT_EQ(setup.window.error(), "Could not save your password to the keyring.");
-    EXPECT_EQ(setup.finished, 0);
-
-    setup.saveFailure.reset();
-    setup.window.advance();
-    EXPECT_EQ(setup.saved.size(), 2u);
-    EXPECT_EQ(setup.finished, 1);
 }
 
 TEST(SetupWindowTest, FileManagerStepShowsWhatTheMenuSwitchDid) {
