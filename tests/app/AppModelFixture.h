@@ -101,6 +101,14 @@ public:
     }
 };
 
+// A process holding `path` open until it is destroyed.
+inline std::unique_ptr<BackgroundProcess> holding(const std::string& path) {
+    auto holder = std::make_unique<BackgroundProcess>(
+        std::vector<std::string>{"/bin/sh", "-c", "exec 3<\"$0\"; exec sleep 600", path});
+    EXPECT_TRUE(holder->waitUntilHolding(path));
+    return holder;
+}
+
 class AppModelTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite() { keyring_ = std::make_unique<PrivateKeyring>(); }

@@ -22,22 +22,10 @@ using Trigger = app::AutoLock::Trigger;
 const QString kGnome = QStringLiteral("org.gnome.ScreenSaver");
 const QString kFreedesktop = QStringLiteral("org.freedesktop.ScreenSaver");
 
-void spinFor(std::chrono::milliseconds time) {
-    spinUntil([] { return false; }, time);
-}
-
 std::string notice(const std::string& name) {
     return "notify: Corvane could not lock " + name +
            " | Files are still open in another app. Close them and Corvane will lock "
            "automatically.";
-}
-
-// A process holding `path` open until it is destroyed.
-std::unique_ptr<BackgroundProcess> holding(const std::string& path) {
-    auto holder = std::make_unique<BackgroundProcess>(
-        std::vector<std::string>{"/bin/sh", "-c", "exec 3<\"$0\"; exec sleep 600", path});
-    EXPECT_TRUE(holder->waitUntilHolding(path));
-    return holder;
 }
 
 // How many times the model began to lock the item NAME.
@@ -90,10 +78,10 @@ TEST(IdlePolicyTest, LocksFromTheLimitOnAndOnlyWithItemsOpen) {
 class AutoLockTest : public AppModelTest {
 protected:
     // The model with retries and idle checks a few times a second, once start-up is over.
-    app::AppModel& startModel(std::chrono::milliseconds retry = 300ms) {
+    app::AppModel& startModel() {
         model.reset();
         auto settings = configuration();
-        settings.autoLockRetryInterval = retry;
+        settings.autoLockRetryInterval = 300ms;
         settings.idleCheckInterval = 100ms;
         model = std::make_unique<app::AppModel>(app::AppModel::Services{user, user, user, user},
                                                 settings);

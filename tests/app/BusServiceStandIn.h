@@ -1,5 +1,6 @@
-// A D-Bus service of a test's own on a private bus: it owns a well-known name, records every
-// method call made to its one object and answers each with what the test's function returns.
+// A D-Bus service of a test's own on a private bus: it owns its well-known names, records every
+// method call made to its objects and answers each with what the test's function returns (an
+// UnknownMethod error when that is nothing), and it sends signals as the owner of those names.
 // Created and read on the main thread; calls may arrive on Qt's D-Bus thread.
 #pragma once
 
@@ -10,6 +11,7 @@
 #include <atomic>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -17,16 +19,17 @@ namespace corvane::testing {
 
 class BusServiceStandIn : public QDBusVirtualObject {
 public:
-    // The reply's arguments for a call.
-    using Answer = std::function<QVariantList(const QDBusMessage&)>;
+    // The reply's arguments for a call; nothing for an error reply.
+    using Answer = std::function<std::optional<QVariantList>(const QDBusMessage&)>;
 
-    BusServiceStandIn(const std::string& address, const QString& service, const QString& path,
+    // Answers for `path` and every path below it.
+    BusServiceStandIn(const std::string& address, const QStringList& services, const QString& path,
                       Answer answer)
         : name_(QStringLiteral("standin-%1").arg(counter_++)),
           bus_(QDBusConnection::connectToBus(QString::fromStdString(address), name_)),
           answer_(std::move(answer)) {
-        bus_.registerVirtualObject(path, this);
-        bus_.registerService(service);
+        bus_.registerVirtualObject(path, this, QDBusConnection::SubPath);
+        for (const auto& service : services) bus_.registerService(service);
     }
     ~BusServiceStandIn() override {
         bus_ = QDBusConnection(QString());
@@ -42,11 +45,23 @@ public:
         return found;
     }
 
+    void emitSignal(const QString& path, const QString& interface, const QString& name,
+                    const QVariantList& arguments) {
+        QDBusMessage signal = QDBusMessage::createSignal(path, interface, name);
+        signal.setArguments(arguments);
+        bus_.send(signal);
+    }
+
     QString introspect(const QString&) const override { return {}; }
     bool handleMessage(const QDBusMessage& message, const QDBusConnection& connection) override {
-        std::lock_guard guard(lock_);
-        calls_.push_back(message);
-        connection.send(message.createReply(answer_(message)));
+        {
+            std::lock_guard guard(lock_);
+            calls_.push_back(message);
+        }
+        auto answer = answer_(message);
+        connection.send(
+            answer ? message.createReply(*answer)
+                   : message.createErrorReply(QDBusError::UnknownMethod, message.member()));
         return true;
     }
 

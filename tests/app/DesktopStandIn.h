@@ -9,27 +9,21 @@
 #include <poll.h>
 #include <unistd.h>
 
-#include <QDBusConnection>
-#include <QDBusMessage>
 #include <QDBusObjectPath>
 #include <QDBusUnixFileDescriptor>
 #include <QDBusVariant>
-#include <QDBusVirtualObject>
-#include <algorithm>
+#include <array>
 #include <atomic>
 #include <cstdint>
-#include <functional>
-#include <mutex>
-#include <optional>
-#include <string>
+#include <memory>
 #include <thread>
-#include <vector>
 
+#include "BusServiceStandIn.h"
 #include "TestSupport.h"
 
 namespace corvane::testing {
 
-class DesktopStandIn : public QDBusVirtualObject {
+class DesktopStandIn {
 public:
     static inline const QString sessionPath = QStringLiteral("/org/freedesktop/login1/session/_31");
 
@@ -43,29 +37,30 @@ public:
     std::atomic<std::uint64_t> mutterIdleMilliseconds{0};
     std::atomic<std::uint32_t> screenSaverIdleSeconds{0};
     // Set before the services are asked: replaces every answer it returns one for.
-    std::function<std::optional<QVariantList>(const QDBusMessage&)> misbehave;
+    BusServiceStandIn::Answer misbehave;
 
     DesktopStandIn(const std::string& systemAddress, const std::string& sessionAddress,
-                   Present present)
-        : system_(connect(systemAddress)), session_(connect(sessionAddress)) {
-        if (pipe2(stop_, O_CLOEXEC) != 0) throw std::runtime_error("no pipe");
-        for (auto* bus : {&system_, &session_})
-            bus->registerVirtualObject(QStringLiteral("/"), this, QDBusConnection::SubPath);
-        if (present.logind) system_.registerService(QStringLiteral("org.freedesktop.login1"));
-        if (present.mutter)
-            session_.registerService(QStringLiteral("org.gnome.Mutter.IdleMonitor"));
-        if (present.screenSaver)
-            session_.registerService(QStringLiteral("org.freedesktop.ScreenSaver"));
-        if (present.gnomeScreenSaver)
-            session_.registerService(QStringLiteral("org.gnome.ScreenSaver"));
+                   Present present) {
+        auto answer = [this](const QDBusMessage& call) {
+            std::optional<QVariantList> answer = misbehave ? misbehave(call) : std::nullopt;
+            return answer ? answer : properAnswer(call);
+        };
+        QStringList sessionServices;
+        if (present.mutter) sessionServices << QStringLiteral("org.gnome.Mutter.IdleMonitor");
+        if (present.screenSaver) sessionServices << QStringLiteral("org.freedesktop.ScreenSaver");
+        if (present.gnomeScreenSaver) sessionServices << QStringLiteral("org.gnome.ScreenSaver");
+        system_ = std::make_unique<BusServiceStandIn>(
+            systemAddress,
+            present.logind ? QStringList{QStringLiteral("org.freedesktop.login1")} : QStringList(),
+            QStringLiteral("/"), answer);
+        session_ = std::make_unique<BusServiceStandIn>(sessionAddress, sessionServices,
+                                                       QStringLiteral("/"), answer);
     }
 
-    ~DesktopStandIn() override {
-        for (auto* bus : {&system_, &session_}) {
-            QString name = bus->name();
-            *bus = QDBusConnection(QString());
-            QDBusConnection::disconnectFromBus(name);
-        }
+    ~DesktopStandIn() {
+        // No call hands out an inhibitor once the watchers are told to stop.
+        system_.reset();
+        session_.reset();
         (void)!write(stop_[1], "x", 1);
         for (auto& watcher : watchers_) watcher.join();
         ::close(stop_[0]);
@@ -74,32 +69,32 @@ public:
 
     // PrepareForSleep, PrepareForShutdown.
     void emitManager(const QString& name, const QVariant& argument) {
-        send(system_, QStringLiteral("/org/freedesktop/login1"),
-             QStringLiteral("org.freedesktop.login1.Manager"), name, {argument});
+        system_->emitSignal(QStringLiteral("/org/freedesktop/login1"),
+                            QStringLiteral("org.freedesktop.login1.Manager"), name, {argument});
     }
     // Lock, Unlock.
     void emitSession(const QString& name) {
-        send(system_, sessionPath, QStringLiteral("org.freedesktop.login1.Session"), name, {});
+        system_->emitSignal(sessionPath, QStringLiteral("org.freedesktop.login1.Session"), name,
+                            {});
     }
     void changeSession(const QString& property, const QVariant& value) {
-        send(system_, sessionPath, QStringLiteral("org.freedesktop.DBus.Properties"),
-             QStringLiteral("PropertiesChanged"),
-             {QStringLiteral("org.freedesktop.login1.Session"), QVariantMap{{property, value}},
-              QStringList()});
+        system_->emitSignal(sessionPath, QStringLiteral("org.freedesktop.DBus.Properties"),
+                            QStringLiteral("PropertiesChanged"),
+                            {QStringLiteral("org.freedesktop.login1.Session"),
+                             QVariantMap{{property, value}}, QStringList()});
     }
     // ActiveChanged of "org.freedesktop.ScreenSaver" or "org.gnome.ScreenSaver".
     void emitScreenSaver(const QString& service, const QVariant& active) {
         QString path = QLatin1Char('/') + QString(service).replace(u'.', u'/');
-        send(session_, path, service, QStringLiteral("ActiveChanged"), {active});
+        session_->emitSignal(path, service, QStringLiteral("ActiveChanged"), {active});
     }
 
     std::size_t calls(const QString& member) const {
-        std::lock_guard guard(lock_);
-        return static_cast<std::size_t>(std::count(calls_.begin(), calls_.end(), member));
+        return system_->calls(member).size() + session_->calls(member).size();
     }
     QVariantList lastInhibit() const {
-        std::lock_guard guard(lock_);
-        return lastInhibit_;
+        auto inhibits = system_->calls(QStringLiteral("Inhibit"));
+        return inhibits.empty() ? QVariantList() : inhibits.back().arguments();
     }
     int inhibitorsHeld() const { return held_; }
     // For each inhibitor let go so far, in order: whether the watched mount was still there.
@@ -110,22 +105,6 @@ public:
     void watchMount(const std::string& mountPoint) {
         std::lock_guard guard(lock_);
         watchedMount_ = " " + mountPoint + " ";
-    }
-
-    QString introspect(const QString&) const override { return {}; }
-
-    bool handleMessage(const QDBusMessage& call, const QDBusConnection& bus) override {
-        QString member = call.member();
-        {
-            std::lock_guard guard(lock_);
-            calls_.push_back(member);
-            if (member == "Inhibit") lastInhibit_ = call.arguments();
-        }
-        std::optional<QVariantList> answer = misbehave ? misbehave(call) : std::nullopt;
-        if (!answer) answer = properAnswer(call);
-        bus.send(answer ? call.createReply(*answer)
-                        : call.createErrorReply(QDBusError::UnknownMethod, member));
-        return true;
     }
 
 private:
@@ -141,19 +120,6 @@ private:
         if (member == "GetSessionIdleTime")
             return QVariantList{QVariant::fromValue(uint(screenSaverIdleSeconds.load()))};
         return std::nullopt;
-    }
-
-    static QDBusConnection connect(const std::string& address) {
-        static std::atomic<int> counter{0};
-        return QDBusConnection::connectToBus(QString::fromStdString(address),
-                                             QStringLiteral("desktop-standin-%1").arg(counter++));
-    }
-
-    static void send(QDBusConnection& bus, const QString& path, const QString& interface,
-                     const QString& name, const QVariantList& arguments) {
-        QDBusMessage signal = QDBusMessage::createSignal(path, interface, name);
-        signal.setArguments(arguments);
-        bus.send(signal);
     }
 
     // The caller's end of a new pipe; a thread waits for every copy of it to close.
@@ -180,16 +146,19 @@ private:
         return handed;
     }
 
-    QDBusConnection system_;
-    QDBusConnection session_;
-    int stop_[2] = {-1, -1};
+    static std::array<int, 2> newPipe() {
+        std::array<int, 2> ends{-1, -1};
+        if (pipe2(ends.data(), O_CLOEXEC) != 0) throw std::runtime_error("no pipe");
+        return ends;
+    }
+
+    const std::array<int, 2> stop_ = newPipe();
     std::atomic<int> held_{0};
     mutable std::mutex lock_;
-    std::vector<QString> calls_;
-    QVariantList lastInhibit_;
     std::vector<bool> mountedAtRelease_;
     std::string watchedMount_;
     std::vector<std::thread> watchers_;
+    std::unique_ptr<BusServiceStandIn> system_, session_;
 };
 
 }  // namespace corvane::testing

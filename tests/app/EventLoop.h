@@ -24,6 +24,11 @@ bool spinUntil(Condition done, std::chrono::milliseconds timeout = std::chrono::
     return true;
 }
 
+// Lets the event loop run for `time`, for what must not happen.
+inline void spinFor(std::chrono::milliseconds time) {
+    spinUntil([] { return false; }, time);
+}
+
 // The task's result once the event loop has run it to the end; throws what it throws.
 template <class T>
 T await(app::Task<T> task, std::chrono::milliseconds timeout = std::chrono::seconds(120)) {
