@@ -32,6 +32,8 @@ TEST_F(AppModelTest, ANewUserSetsUpThenLocksUnlocksAndRemovesTheLockFromTheItemL
     ASSERT_TRUE(finished) << setup.error().toStdString();
     EXPECT_FALSE(app.needsSetup());
     EXPECT_EQ(store.load()->password, "correct horse 1");
+    EXPECT_EQ(store.load()->generation, 1);
+    EXPECT_FALSE(UserSettings(root / "settings.json").touchIDEnabled());
 
     app::ItemListWindow list;
     list.connectToModel(app);

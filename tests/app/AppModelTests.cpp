@@ -1,5 +1,5 @@
-#include <sys/wait.h>
-
+// The application model's operations against the real engine on gocryptfs and a private keyring:
+// what the user is asked and told, in which order, and what is left on disk.
 #include <filesystem>
 
 #include "AppDelegate.h"
@@ -25,26 +25,6 @@ std::vector<std::string> tree(const std::string& path) {
     std::sort(entries.begin(), entries.end());
     return entries;
 }
-
-// A process holding `path` open until it is killed.
-struct Holder {
-    pid_t pid;
-    explicit Holder(const std::string& path) {
-        pid = fork();
-        if (pid == 0) {
-            execl("/bin/sh", "sh", "-c", "exec 3<\"$0\"; exec sleep 600", path.c_str(), nullptr);
-            _exit(127);
-        }
-        usleep(300'000);
-    }
-    ~Holder() { release(); }
-    void release() {
-        if (pid <= 0) return;
-        kill(pid, SIGKILL);
-        waitpid(pid, nullptr, 0);
-        pid = -1;
-    }
-};
 
 }  // namespace
 
@@ -216,7 +196,7 @@ TEST_F(AppModelTest, QuitWithAFileInUseAsksAndKeepsTheItemOpen) {
     await(app.unlock(locked));
     ASSERT_EQ(app.openItems().size(), 1u);
     std::string mount = app.openItems()[0].mountPoint;
-    Holder holder(mount + "/a.txt");
+    auto holder = holding(mount + "/a.txt");
 
     user.log.clear();
     user.buttons = {"Cancel", "Cancel"};
@@ -236,7 +216,7 @@ TEST_F(AppModelTest, QuitWithAFileInUseAsksAndKeepsTheItemOpen) {
 
     // "Try Again" once the file is closed locks it, and quitting needs nothing more.
     user.buttons = {"Try Again"};
-    user.whenAsked = [&] { holder.release(); };
+    user.whenAsked = [&] { holder.reset(); };
     await(app.lockNow(locked));
     EXPECT_TRUE(app.openItems().empty());
     EXPECT_TRUE(await(delegate.shouldQuit()));
@@ -260,8 +240,7 @@ TEST_F(AppModelTest, PasswordChangeRefusalsComeBeforeAnythingIsSaved) {
         EXPECT_EQ(store.load()->generation, 1);
     }
     // While something runs, the change waits for nothing: it is refused.
-    app::spawn([](app::AppModel& app, std::string path) -> app::Task<> { co_await app.lock(path); }(
-                                                            app, folder("Busy")));
+    app::spawn(app.lock(folder("Busy")));
     auto refusal = await(app.changePassword("password 1", "password 2"));
     EXPECT_EQ(refusal, app.activity().passwordChangeRefusal());
     ASSERT_TRUE(refusal);
@@ -280,13 +259,25 @@ TEST_F(AppModelTest, PasswordChangeRefusalsComeBeforeAnythingIsSaved) {
     EXPECT_TRUE(user.entries("password: This item").empty());
 }
 
-TEST_F(AppModelTest, RemoveLockAsksFirstAndRestoresTheFiles) {
+TEST_F(AppModelTest, ACancelledLockAndRemovingTheLockBothLeaveTheFilesAsTheyWere) {
     app::AppModel& app = started();
     std::string original = folder("Papers");
     auto before = tree(original);
+    // Cancelled from the progress window as soon as it shows: one prompt says so.
+    user.buttons = {"OK"};
+    app::spawn(app.lock(original));
+    ASSERT_TRUE(user.onCancel);
+    user.onCancel();
+    ASSERT_TRUE(spinUntil([&] { return app.activity().isIdle(); }));
+    EXPECT_EQ(user.entries("choose: "),
+              std::vector<std::string>{"choose: Could not lock Papers | " +
+                                       CorvaneError::cancelled().errorDescription()});
+    EXPECT_EQ(tree(original), before);
+    EXPECT_TRUE(app.rows().empty());
+
     await(app.lock(original));
     std::string locked = *app.rows()[0].url;
-
+    user.log.clear();
     user.buttons = {"Cancel"};
     await(app.removeLock(locked));
     EXPECT_TRUE(std::filesystem::exists(locked));
@@ -307,43 +298,14 @@ TEST_F(AppModelTest, RemoveLockAsksFirstAndRestoresTheFiles) {
     EXPECT_TRUE(app.rows().empty());
 }
 
-TEST_F(AppModelTest, AFailedLockShowsOnePromptAndCancelLeavesTheItem) {
-    app::AppModel& app = started();
-    std::string original = folder("Draft");
-    auto before = tree(original);
-    // Cancelled from the progress window as soon as it shows.
-    user.buttons = {"OK"};
-    app::spawn([](app::AppModel& app, std::string path) -> app::Task<> { co_await app.lock(path); }(
-                                                            app, original));
-    ASSERT_TRUE(user.onCancel);
-    user.onCancel();
-    ASSERT_TRUE(spinUntil([&] { return app.activity().isIdle(); }));
-    EXPECT_EQ(user.entries("choose: "),
-              std::vector<std::string>{"choose: Could not lock Draft | " +
-                                       CorvaneError::cancelled().errorDescription()});
-    EXPECT_EQ(tree(original), before);
-    EXPECT_TRUE(app.rows().empty());
-}
-
-TEST_F(AppModelTest, StartUpNeedsTheSupportLockAndSetupTheRecord) {
-    {
-        auto other = SupportLock::acquire(root / "Support");
-        ASSERT_TRUE(other);
-        app::AppModel second(app::AppModel::Services{user, user, user, user}, configuration());
-        EXPECT_FALSE(second.start());
-        QCoreApplication::processEvents();
-        EXPECT_TRUE(user.log.empty());
-        EXPECT_FALSE(second.isReady());
-    }
-    service += ":none";
-    store = PasswordStore(service);
-    app::AppModel& app = started();
-    EXPECT_TRUE(app.needsSetup());
-    EXPECT_EQ(app.finishSetup("password 9", false), std::nullopt);
-    EXPECT_FALSE(app.needsSetup());
-    EXPECT_EQ(store.load()->password, "password 9");
-    EXPECT_EQ(store.load()->generation, 1);
-    EXPECT_FALSE(UserSettings(root / "settings.json").touchIDEnabled());
+TEST_F(AppModelTest, StartUpNeedsTheSupportLock) {
+    auto other = SupportLock::acquire(root / "Support");
+    ASSERT_TRUE(other);
+    app::AppModel second(app::AppModel::Services{user, user, user, user}, configuration());
+    EXPECT_FALSE(second.start());
+    QCoreApplication::processEvents();
+    EXPECT_TRUE(user.log.empty());
+    EXPECT_FALSE(second.isReady());
 }
 
 TEST_F(AppModelTest, AFingerprintStandsInForTheTypedPasswordUnlessItFailsOrIsSwitchedOff) {
