@@ -57,6 +57,20 @@ public:
         return TreeVerifier::compare(pristine + "/Taxes", restored, {}).empty();
     }
 
+    // What an operation that ended, or was undone, leaves: `names` in the home folder, nothing
+    // attached, no mount point, no journal entry, and (when given) these records.
+    void expectSettled(const Locker& locker, const std::vector<std::string>& names,
+                       const std::optional<std::vector<LockedItem>>& records = std::nullopt) {
+        EXPECT_EQ(listing(home), names);
+        EXPECT_TRUE(ourMounts().empty());
+        EXPECT_TRUE(!std::filesystem::exists(locker.mountsRoot) ||
+                    std::filesystem::is_empty(locker.mountsRoot));
+        EXPECT_TRUE(locker.journal.load().empty());
+        if (records) {
+            EXPECT_EQ(locker.index.load(), *records);
+        }
+    }
+
     // Images attached by this test; other test processes mount their own meanwhile.
     std::vector<AttachedImage> ourMounts() const {
         std::vector<AttachedImage> ours;

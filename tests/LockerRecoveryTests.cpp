@@ -1,6 +1,9 @@
-// Crash recovery on real images: every crash point of a lock and of a restore, followed by
-// recover(), ends with the data whole in exactly one place, nothing left over, and one count.
+// Crash recovery on real images: every crash point of a lock and of a restore, and every failure
+// once the locked item is visible, followed by recover(), ends with the data whole in exactly one
+// place, nothing left over, and one count.
 #include <gtest/gtest.h>
+
+#include <sys/statvfs.h>
 
 #include <fstream>
 #include <thread>
@@ -8,11 +11,13 @@
 #include "Engine/Locker.h"
 #include "LockerFixture.h"
 #include "Records/JSONCodec.h"
+#include "Records/Paths.h"
 #include "TestSupport.h"
 
 namespace corvane {
 namespace {
 
+using testing::errorFrom;
 using testing::listing;
 using testing::writeFile;
 using Names = std::vector<std::string>;
@@ -20,136 +25,216 @@ using Names = std::vector<std::string>;
 const std::string kPassword = "locker recovery password";
 
 TEST(RecoveryReport, NoticeSaysWhatWasDone) {
-    auto with = [](auto change) {
-        RecoveryReport report;
-        change(report);
-        return report.notice();
+    const std::pair<RecoveryReport, std::optional<RecoveryNotice>> cases[] = {
+        {{.detachedStale = 3}, std::nullopt},  // closing forgotten mounts is silent
+        {{.keptForLater = 1},
+         RecoveryNotice{"Corvane has unfinished work",
+                        "It could not finish 1 interrupted job yet and will try again next time it "
+                        "opens."}},
+        {{.finishedLocks = 2, .indexWasDamaged = true},
+         RecoveryNotice{"Corvane set a damaged file aside",
+                        "It finished locking 2 items. Corvane's list of locked items was damaged, "
+                        "so it set the list aside and started a new one. Your locked items are "
+                        "safe and appear in the list again when you unlock them."}},
+        {{.discardedLocks = 1,
+          .finishedRestores = 1,
+          .discardedRestores = 2,
+          .keptChangedOriginals = 2,
+          .keptForLater = 2},
+         RecoveryNotice{
+             "Corvane finished interrupted work",
+             "It stopped 1 unfinished lock and left that original unchanged. It finished removing "
+             "the lock from 1 item. It stopped 2 unfinished lock removals. Those items are still "
+             "locked. 2 originals changed after Corvane locked them, so Corvane kept them next to "
+             "the locked copies. It could not finish 2 interrupted jobs yet and will try again "
+             "next time it opens."}},
+        {{.discardedLocks = 2,
+          .discardedRestores = 1,
+          .keptChangedOriginals = 1,
+          .journalWasDamaged = true},
+         RecoveryNotice{
+             "Corvane set a damaged file aside",
+             "It stopped 2 unfinished locks and left those originals unchanged. It stopped 1 "
+             "unfinished lock removal. That item is still locked. 1 original changed after "
+             "Corvane locked it, so Corvane kept it next to the locked copy. Corvane's record of "
+             "unfinished work was damaged, so it set the record aside and changed nothing."}},
     };
-    EXPECT_EQ(with([](RecoveryReport& r) { r.detachedStale = 3; }), std::nullopt)
-        << "closing forgotten mounts is silent";
-    EXPECT_EQ(with([](RecoveryReport& r) { r.keptForLater = 1; }),
-              (RecoveryNotice{"Corvane has unfinished work",
-                              "It could not finish 1 interrupted job yet and will try again next "
-                              "time it opens."}));
-    EXPECT_EQ(with([](RecoveryReport& r) {
-                  r.finishedLocks = 2;
-                  r.indexWasDamaged = true;
-              }),
-              (RecoveryNotice{"Corvane set a damaged file aside",
-                              "It finished locking 2 items. Corvane's list of locked items was "
-                              "damaged, so it set the list aside and started a new one. Your "
-                              "locked items are safe and appear in the list again when you unlock "
-                              "them."}));
-    EXPECT_EQ(with([](RecoveryReport& r) {
-                  r.discardedLocks = 1;
-                  r.finishedRestores = 1;
-                  r.discardedRestores = 2;
-                  r.keptChangedOriginals = 2;
-                  r.keptForLater = 2;
-              }),
-              (RecoveryNotice{
-                  "Corvane finished interrupted work",
-                  "It stopped 1 unfinished lock and left that original unchanged. It finished "
-                  "removing the lock from 1 item. It stopped 2 unfinished lock removals. Those "
-                  "items are still locked. 2 originals changed after Corvane locked them, so "
-                  "Corvane kept them next to the locked copies. It could not finish 2 interrupted "
-                  "jobs yet and will try again next time it opens."}));
-    EXPECT_EQ(with([](RecoveryReport& r) {
-                  r.discardedLocks = 2;
-                  r.discardedRestores = 1;
-                  r.keptChangedOriginals = 1;
-                  r.journalWasDamaged = true;
-              })->body,
-              "It stopped 2 unfinished locks and left those originals unchanged. It stopped 1 "
-              "unfinished lock removal. That item is still locked. 1 original changed after "
-              "Corvane locked it, so Corvane kept it next to the locked copy. Corvane's record of "
-              "unfinished work was damaged, so it set the record aside and changed nothing.");
+    for (const auto& [report, notice] : cases) EXPECT_EQ(report.notice(), notice);
 }
 
 class LockerRecoveryTest : public testing::LockerFixture {
 public:
-    // Nothing of the operation is left: no hidden names, mounts, mount points or journal entries.
-    void expectSettled(const Locker& locker, const Names& names) {
-        EXPECT_EQ(listing(home), names);
-        EXPECT_TRUE(ourMounts().empty());
-        EXPECT_TRUE(!std::filesystem::exists(locker.mountsRoot) ||
-                    std::filesystem::is_empty(locker.mountsRoot));
-        EXPECT_TRUE(locker.journal.load().empty());
+    // Locks the sample and stops at `point`.
+    void crashLocking(Locker& locker, CrashPoint point) {
+        locker.crashPoint = point;
+        EXPECT_THROW(locker.lock(home + "/Taxes", kPassword, 1), SimulatedCrash);
+        locker.crashPoint.reset();
     }
 };
 
-struct Crash {
-    CrashPoint point;
-    // What recovery must end with: the lock finished, or the item as it was before the operation.
+// Interruptions after the journal's first write: a crash point, or a failure once the locked item
+// is visible. Nothing is undone on the spot; each lock leaves exactly the state recovery reads.
+
+enum class Cause { crash, flush, indexFile, deletion };
+enum class Index { none, pending, unreadable };
+enum class Original { here, deleting, gone };
+
+struct Interruption {
+    Cause cause;
+    std::optional<CrashPoint> point;
+    // What recovery must end with: the operation finished, or the item as it was before it.
     bool finished;
+    // What an interrupted lock leaves:
+    bool stamped = false;   // the journal entry carries lockedIdentity and lockedAt
+    bool moved = false;     // the image has its final ".corvlock" name
+    bool attached = false;  // the image is still attached read-write
+    Index index = Index::none;
+    Original original = Original::here;
 };
 
-class LockerRecoveryCrashTest : public LockerRecoveryTest,
-                                public ::testing::WithParamInterface<Crash> {};
+class LockerRecoveryInterruptedTest : public LockerRecoveryTest,
+                                      public ::testing::WithParamInterface<Interruption> {};
 
-TEST_P(LockerRecoveryCrashTest, EndsWithTheDataWholeInOnePlace) {
-    const auto [point, finished] = GetParam();
-    const bool restoring = CrashPoints::rawValue(point).starts_with("restore");
+TEST_P(LockerRecoveryInterruptedTest, EndsWithTheDataWholeInOnePlace) {
+    const Interruption& row = GetParam();
+    const bool restoring = row.point && CrashPoints::rawValue(*row.point).starts_with("restore");
     Locker locker = makeLocker();
     std::optional<LockedItem> item;
     if (restoring) item = locker.lock(home + "/Taxes", kPassword, 1);
-    locker.crashPoint = point;
-    EXPECT_THROW(restoring ? void(locker.removeLock(item->lastKnownPath, kPassword))
-                           : void(locker.lock(home + "/Taxes", kPassword, 1)),
-                 SimulatedCrash);
-    locker.crashPoint.reset();
+    locker.crashPoint = row.point;
+    auto fail = [](auto&&...) { throw std::runtime_error("the disk went away"); };
+    if (row.cause == Cause::flush) locker.flushVolume = fail;
+    if (row.cause == Cause::indexFile) std::filesystem::create_directories(support + "/items.json");
+    if (row.cause == Cause::deletion) locker.deleteRenamedOriginal = fail;
 
+    auto interrupted = [&] {
+        restoring ? void(locker.removeLock(item->lastKnownPath, kPassword))
+                  : void(locker.lock(home + "/Taxes", kPassword, 1));
+    };
+    if (row.cause == Cause::crash) {
+        EXPECT_THROW(interrupted(), SimulatedCrash);
+    } else {
+        auto error = errorFrom(interrupted);
+        ASSERT_TRUE(error);
+        EXPECT_TRUE(*error == (row.cause == Cause::deletion
+                                   ? CorvaneError::lockedButRemovalUnfinished("Taxes")
+                                   : CorvaneError::lockedButOriginalRemains("Taxes")))
+            << error->errorDescription();
+    }
+
+    if (!restoring) {
+        auto entries = locker.journal.load();
+        ASSERT_EQ(entries.size(), 1u);
+        const JournalEntry& entry = entries.front();
+        const std::string hidden = home + "/.corvane-" + entry.id.string();
+        const std::string partial = hidden + ".partial.sparsebundle";
+        const std::string image = row.moved ? home + "/Taxes.corvlock" : partial;
+        std::optional<std::string> deleting;
+        if (row.original != Original::here) deleting = hidden + ".deleting";
+        EXPECT_EQ(entry.kind, JournalEntry::Kind::lock);
+        EXPECT_EQ(
+            std::tuple(entry.originalPath, entry.partialPath, entry.finalPath, entry.deletingPath),
+            std::tuple(home + "/Taxes", partial, home + "/Taxes.corvlock", deleting));
+        EXPECT_EQ(entry.lockedAt.has_value(), row.stamped);
+        EXPECT_EQ(entry.lockedIdentity, row.stamped ? FileIdentity::of(image) : std::nullopt);
+
+        const std::string original = deleting.value_or(home + "/Taxes");
+        Names names{lastPathComponent(image)};
+        if (row.original != Original::gone) names.push_back(lastPathComponent(original));
+        std::sort(names.begin(), names.end());
+        EXPECT_EQ(listing(home), names);
+        if (row.original != Original::gone) {
+            EXPECT_TRUE(sameAsPristine(original));
+        }
+
+        auto mounts = ourMounts();
+        const std::string mountPoint = locker.mountsRoot + "/" + entry.id.string();
+        if (row.attached) {
+            ASSERT_EQ(mounts, (std::vector<AttachedImage>{{partial, mountPoint}}));
+            struct statvfs volume {};
+            ASSERT_EQ(statvfs(mountPoint.c_str(), &volume), 0);
+            EXPECT_FALSE(volume.f_flag & ST_RDONLY);
+            EXPECT_TRUE(std::filesystem::exists(mountPoint + "/.corvane-item.json"));
+        } else {
+            EXPECT_TRUE(mounts.empty());
+            EXPECT_FALSE(std::filesystem::exists(mountPoint));
+        }
+
+        if (row.index != Index::unreadable) {
+            auto items = locker.index.load();
+            EXPECT_EQ(items.size(), row.index == Index::pending ? 1u : 0u);
+            for (const auto& pending : items)
+                EXPECT_TRUE(pending.id == entry.id &&
+                            pending.stage == LockedItem::Stage::originalPending &&
+                            pending.originalPath == home + "/Taxes");
+        }
+    }
+
+    // The next start; while the index cannot be written, the work waits for a later one.
+    Locker restarted = makeLocker();
+    if (row.index == Index::unreadable) {
+        const Names before = listing(home);
+        EXPECT_EQ(restarted.recover(), RecoveryReport{.keptForLater = 1});
+        EXPECT_EQ(listing(home), before);
+        std::filesystem::remove(support + "/items.json");
+    }
     RecoveryReport expected;
-    (restoring ? (finished ? expected.finishedRestores : expected.discardedRestores)
-               : (finished ? expected.finishedLocks : expected.discardedLocks)) = 1;
-    EXPECT_EQ(locker.recover(), expected);
-    const bool locked = restoring != finished;
-    expectSettled(locker, {locked ? "Taxes.corvlock" : "Taxes"});
-    auto records = locker.index.load();
+    (restoring ? (row.finished ? expected.finishedRestores : expected.discardedRestores)
+               : (row.finished ? expected.finishedLocks : expected.discardedLocks)) = 1;
+    EXPECT_EQ(restarted.recover(), expected);
+    const bool locked = restoring != row.finished;
+    expectSettled(restarted, {locked ? "Taxes.corvlock" : "Taxes"});
+    auto records = restarted.index.load();
     ASSERT_EQ(records.size(), locked ? 1u : 0u);
     if (locked) {
-        EXPECT_EQ(records[0].stage, LockedItem::Stage::complete);
-        EXPECT_EQ(records[0].originalPath, std::nullopt);
-        EXPECT_TRUE(sameAsPristine(locker.removeLock(home + "/Taxes.corvlock", kPassword)));
+        EXPECT_EQ(std::tuple(records[0].stage, records[0].originalPath),
+                  std::tuple(LockedItem::Stage::complete, std::nullopt));
+        EXPECT_TRUE(sameAsPristine(restarted.removeLock(home + "/Taxes.corvlock", kPassword)));
     } else {
         EXPECT_TRUE(sameAsPristine(home + "/Taxes"));
     }
-    EXPECT_EQ(locker.recover(), RecoveryReport{}) << "a second start finds nothing to do";
+    EXPECT_EQ(restarted.recover(), RecoveryReport{}) << "a second start finds nothing to do";
 }
 
 using P = CrashPoint;
-const Crash kCrashes[] = {
-    {P::lockAfterCreate, false},
-    {P::lockAfterCopy, false},
-    {P::lockAfterVerify, false},
-    {P::lockBeforeRename, false},
-    {P::lockAfterMove, true},
-    {P::lockAfterRename, true},
-    {P::lockAfterRenameToDeleting, true},
-    {P::lockAfterDeleteOriginal, true},
-    {P::restoreAfterCopy, false},
-    {P::restoreBeforeRename, false},
-    {P::restoreAfterRename, true},
-    {P::restoreAfterDeleteLocked, true},
+const Interruption kInterruptions[] = {
+    // cause, crash point, finished, stamped, moved, attached, index, original
+    {Cause::crash, P::lockAfterCreate, false},
+    {Cause::crash, P::lockAfterCopy, false, false, false, true},
+    {Cause::crash, P::lockAfterVerify, false},
+    {Cause::crash, P::lockBeforeRename, false, true},
+    {Cause::crash, P::lockAfterMove, true, true, true},
+    {Cause::crash, P::lockAfterRename, true, true, true, false, Index::pending},
+    {Cause::crash, P::lockAfterRenameToDeleting, true, true, true, false, Index::pending,
+     Original::deleting},
+    {Cause::crash, P::lockAfterDeleteOriginal, true, true, true, false, Index::pending,
+     Original::gone},
+    {Cause::flush, std::nullopt, true, true, true, false, Index::pending},
+    {Cause::indexFile, std::nullopt, true, true, true, false, Index::unreadable},
+    {Cause::deletion, std::nullopt, true, true, true, false, Index::pending, Original::deleting},
+    {Cause::crash, P::restoreAfterCopy, false},
+    {Cause::crash, P::restoreBeforeRename, false},
+    {Cause::crash, P::restoreAfterRename, true},
+    {Cause::crash, P::restoreAfterDeleteLocked, true},
 };
 
-INSTANTIATE_TEST_SUITE_P(, LockerRecoveryCrashTest, ::testing::ValuesIn(kCrashes),
+const char* const kCauseNames[] = {"", "FlushFails", "IndexUnwritable", "DeleteFails"};
+
+INSTANTIATE_TEST_SUITE_P(, LockerRecoveryInterruptedTest, ::testing::ValuesIn(kInterruptions),
                          [](const auto& info) {
-                             return std::string(CrashPoints::rawValue(info.param.point));
+                             auto point = info.param.point;
+                             return std::string(point ? CrashPoints::rawValue(*point)
+                                                      : kCauseNames[int(info.param.cause)]);
                          });
 
 TEST_F(LockerRecoveryTest, AnOriginalChangedAfterTheLockIsKept) {
     Locker locker = makeLocker();
-    locker.crashPoint = CrashPoint::lockAfterRename;
-    EXPECT_THROW(locker.lock(home + "/Taxes", kPassword, 1), SimulatedCrash);
-    locker.crashPoint.reset();
+    crashLocking(locker, CrashPoint::lockAfterRename);
     // Two seconds later than the lock: past the second of grace for its rounded time.
     std::this_thread::sleep_for(std::chrono::milliseconds(2100));
     writeFile(home + "/Taxes/2024/deep/new.txt", "written after the lock");
 
-    RecoveryReport expected;
-    expected.keptChangedOriginals = 1;
-    EXPECT_EQ(locker.recover(), expected);
+    EXPECT_EQ(locker.recover(), RecoveryReport{.keptChangedOriginals = 1});
     expectSettled(locker, {"Taxes", "Taxes.corvlock"});
     EXPECT_EQ(testing::readFile(home + "/Taxes/2024/deep/new.txt"), "written after the lock");
     ASSERT_EQ(locker.index.load().size(), 1u);
@@ -169,35 +254,26 @@ TEST_F(LockerRecoveryTest, StaleMountsCloseKnownOnesStayAndUnreachableWorkWaits)
     locker.tool->attach(other.lastKnownPath, stale, kPassword, false);
     std::filesystem::create_directories(locker.mountsRoot + "/empty leftover");
     // Work in a folder that is not there now, as on a drive that is not connected.
-    JournalEntry away{Uuid::random(),
-                      JournalEntry::Kind::lock,
-                      "/nonexistent-drive/Work",
-                      "/nonexistent-drive/.corvane-x.partial.sparsebundle",
-                      "/nonexistent-drive/Work.corvlock",
-                      std::nullopt,
-                      std::nullopt,
-                      std::nullopt};
-    locker.journal.add(away);
+    const std::string away = "/nonexistent-drive/";
+    const JournalEntry waiting{Uuid::random(),         JournalEntry::Kind::lock,
+                               away + "Work",          away + ".corvane-x.partial.sparsebundle",
+                               away + "Work.corvlock", std::nullopt,
+                               std::nullopt,           std::nullopt};
+    locker.journal.add(waiting);
 
-    RecoveryReport expected;
-    expected.detachedStale = 1;
-    expected.keptForLater = 1;
-    EXPECT_EQ(locker.recover(), expected);
+    EXPECT_EQ(locker.recover(), (RecoveryReport{.detachedStale = 1, .keptForLater = 1}));
     EXPECT_EQ(locker.openItems(), std::vector<OpenItem>{open});
     EXPECT_EQ(listing(locker.mountsRoot), Names{item.id.string()});
-    EXPECT_EQ(locker.journal.load(), std::vector<JournalEntry>{away});
+    EXPECT_EQ(locker.journal.load(), std::vector<JournalEntry>{waiting});
 }
 
 TEST_F(LockerRecoveryTest, ADamagedJournalIsSetAsideAndNothingChanges) {
     Locker locker = makeLocker();
-    locker.crashPoint = CrashPoint::lockAfterCopy;
-    EXPECT_THROW(locker.lock(home + "/Taxes", kPassword, 1), SimulatedCrash);
+    crashLocking(locker, CrashPoint::lockAfterCopy);
     const Names before = listing(home);
     std::ofstream(locker.journal.fileURL(), std::ios::app) << "torn";
 
-    RecoveryReport expected;
-    expected.journalWasDamaged = true;
-    EXPECT_EQ(locker.recover(), expected);
+    EXPECT_EQ(locker.recover(), RecoveryReport{.journalWasDamaged = true});
     EXPECT_EQ(listing(home), before) << "work was undone without its record";
     EXPECT_EQ(ourMounts().size(), 1u);
 }
