@@ -15,6 +15,8 @@
 #include <string>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 #include "CommandLine.h"
 #include "FileSystem/GocryptfsTool.h"
 #include "FileSystem/ProcessRunner.h"
@@ -115,6 +117,8 @@ protected:
         int status = cli::CommandLine::run(words, {}, cancel, in, out, err);
         return {status, out.str(), err.str()};
     }
+    // The items as `list --json` gives them.
+    nlohmann::json listed() { return nlohmann::json::parse(run({"list", "--json"}).out); }
 
     TempDir root;
     ScopedVariable support{"CORVANE_SUPPORT_DIR", root / "Support"};
