@@ -7,6 +7,9 @@
 #include <QMetaObject>
 #include <QTimer>
 #include <algorithm>
+#include <atomic>
+#include <mutex>
+#include <thread>
 
 #include "Engine/AppPaths.h"
 #include "Engine/ItemName.h"
@@ -64,6 +67,15 @@ AppModel::Configuration AppModel::Configuration::fromEnvironment() {
     return configuration;
 }
 
+// A fingerprint thread posts its answer under this lock, and the model clears `model` under it
+// before it goes, so the thread never reaches a destroyed model; a posted answer that has not
+// been delivered yet dies with the model's event queue.
+struct AppModel::FingerprintHandoff {
+    std::mutex mutex;
+    AppModel* model;
+    std::atomic<bool> modelGone = false;
+};
+
 AppModel::AppModel(Services services, Configuration configuration, QObject* parent)
     : QObject(parent),
       services_(services),
@@ -73,11 +85,18 @@ AppModel::AppModel(Services services, Configuration configuration, QObject* pare
       worker_(std::make_unique<Worker>(this)),
       idleMinutes_(settings_.idleMinutes()),
       touchIDEnabled_(settings_.touchIDEnabled()) {
+    fingerprintHandoff_ = std::make_shared<FingerprintHandoff>();
+    fingerprintHandoff_->model = this;
     retryTimer_.setInterval(configuration_.autoLockRetryInterval);
     connect(&retryTimer_, &QTimer::timeout, this, [this] { spawn(retryAutoLock()); });
 }
 
 AppModel::~AppModel() {
+    {
+        std::lock_guard hold(fingerprintHandoff_->mutex);
+        fingerprintHandoff_->model = nullptr;
+    }
+    fingerprintHandoff_->modelGone = true;
     // The worker finishes what it runs before the engine and the support lock go; operations
     // still waiting for it or for the user end with it.
     worker_.reset();
@@ -317,13 +336,16 @@ Task<std::optional<std::string>> AppModel::verifiedPassword(std::string reason) 
                 auto timeout = model->configuration_.fingerprintTimeout;
                 model->services_.prompter.fingerprintWaiting(reason,
                                                              [stop = stop] { *stop = true; });
-                std::thread([model = model, stop = stop, &verified = verified, awaiting, timeout] {
+                std::thread([handoff = model->fingerprintHandoff_, stop = stop,
+                             &verified = verified, awaiting, timeout] {
                     FingerprintReader reader;
                     bool result = reader.available() &&
-                                  reader.verify(timeout, [stop] { return stop->load(); });
+                                  reader.verify(timeout, [&] { return *stop || handoff->modelGone; });
+                    std::lock_guard hold(handoff->mutex);
+                    if (!handoff->model) return;
                     QMetaObject::invokeMethod(
-                        model,
-                        [model, result, &verified, awaiting] {
+                        handoff->model,
+                        [model = handoff->model, result, &verified, awaiting] {
                             model->services_.prompter.fingerprintFinished();
                             verified = result;
                             awaiting.resume();

@@ -171,6 +171,9 @@ private:
     PasswordStore passwords_;
     UserSettings settings_;
     FingerprintReader reader_;
+    // Shared with fingerprint threads, which outlive the model when the user quits mid-scan.
+    struct FingerprintHandoff;
+    std::shared_ptr<FingerprintHandoff> fingerprintHandoff_;
     std::unique_ptr<SupportLock> supportLock_;
     // Touched on the worker thread only, once start() made it.
     std::unique_ptr<Locker> locker_;

@@ -335,6 +335,23 @@ TEST_F(AppModelTest, AFingerprintStandsInForTheTypedPasswordUnlessItFailsOrIsSwi
     }
 }
 
+TEST_F(AppModelTest, AReaderStillWaitingWhenTheModelGoesReportsToNobody) {
+    auto settings = configuration();
+    settings.fingerprintTimeout = std::chrono::seconds(1);
+    model = std::make_unique<app::AppModel>(app::AppModel::Services{user, user, user, user},
+                                            settings);
+    ASSERT_TRUE(model->start());
+    settle();
+    await(model->lock(folder("Secret")));
+    std::string locked = *model->rows()[0].url;
+    PrivateSystemBus reader("silent");
+    app::spawn(model->unlock(locked));
+    ASSERT_TRUE(spinUntil([&] { return !user.entries("fingerprint: ").empty(); }));
+    model.reset();
+    // Past the reader's time limit: its answer must not reach the model that has gone.
+    spinFor(std::chrono::milliseconds(1500));
+}
+
 TEST_F(AppModelTest, AQuitAskedWhileWorkRunsWaitsForItOrIsCancelled) {
     app::AppModel& app = started();
     app::AppDelegate delegate(app, user);
