@@ -3,14 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <dlfcn.h>
-#include <signal.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
-#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <regex>
@@ -146,25 +143,15 @@ std::string padded(std::string text, std::size_t size) {
     return text;
 }
 
-// Sets TZ for one test and puts back what was there.
-class ScopedTimeZone {
-public:
-    explicit ScopedTimeZone(const char* zone) {
-        if (const char* old = std::getenv("TZ")) saved_ = old;
-        setenv("TZ", zone, 1);
+// Runs `body` with TZ set to `zone`, then puts back the zone that was there.
+void inTimeZone(const char* zone, const std::function<void()>& body) {
+    {
+        ScopedVariable tz("TZ", zone);
         tzset();
+        body();
     }
-    ~ScopedTimeZone() {
-        if (saved_)
-            setenv("TZ", saved_->c_str(), 1);
-        else
-            unsetenv("TZ");
-        tzset();
-    }
-
-private:
-    std::optional<std::string> saved_;
-};
+    tzset();
+}
 
 TEST(JSONCodec, GoldenFilesAreWrittenAndReadByteForByte) {
     TempDir dir;
@@ -301,8 +288,7 @@ TEST(JSONCodec, SetAsideNamesCountUpWithinOneSecondInLocalTime) {
     TempDir dir;
     auto now = std::chrono::system_clock::time_point(date("2025-03-01T09:15:00Z")) +
                std::chrono::milliseconds(400);
-    {
-        ScopedTimeZone utc("UTC");
+    inTimeZone("UTC", [&] {
         for (const char* expected :
              {"items.json.damaged-20250301-091500", "items.json.damaged-20250301-091500-2",
               "items.json.damaged-20250301-091500-3"}) {
@@ -310,14 +296,13 @@ TEST(JSONCodec, SetAsideNamesCountUpWithinOneSecondInLocalTime) {
             EXPECT_EQ(JSONCodec::setAside(dir / "items.json", now), dir / expected);
             EXPECT_EQ(readFile(dir / expected), expected);
         }
-    }
-    {
-        // POSIX zone two hours east of UTC: the stamp is the wall clock a person sees.
-        ScopedTimeZone east("XYZ-2");
+    });
+    // POSIX zone two hours east of UTC: the stamp is the wall clock a person sees.
+    inTimeZone("XYZ-2", [&] {
         writeFile(dir / "operations.json", "x");
         EXPECT_EQ(JSONCodec::setAside(dir / "operations.json", now),
                   dir / "operations.json.damaged-20250301-111500");
-    }
+    });
     EXPECT_EQ(listing(dir.path()).size(), 4u);
 }
 

@@ -4,11 +4,10 @@
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdlib>
-#include <functional>
+#include <optional>
+
 
 #include "Records/Base64.h"
 #include "Records/Characters.h"
@@ -23,18 +22,9 @@ namespace {
 
 using namespace corvane::testing;
 
-// Runs `body` in a forked child and returns its exit code (-1 when it did not exit normally).
-// Children report through the code only; gtest assertions there would go unseen.
-int exitCodeOfChild(const std::function<int()>& body) {
-    pid_t child = fork();
-    if (child == 0) _exit(body());
-    int status = 0;
-    if (child < 0 || waitpid(child, &status, 0) != child || !WIFEXITED(status)) return -1;
-    return WEXITSTATUS(status);
-}
-
-int childAcquireResult(const std::string& directory) {
-    return exitCodeOfChild([&] { return SupportLock::acquire(directory) ? 0 : 1; });
+// Whether another process could take the support lock just now: "acquired" or "held".
+std::string acquiredByAnotherProcess(const std::string& directory) {
+    return outcomeInChild([&] { return SupportLock::acquire(directory) ? "acquired" : "held"; });
 }
 
 TEST(ItemMarker, WriteThenReadGivesTheSameMarkerFromCompactText) {
@@ -46,29 +36,62 @@ TEST(ItemMarker, WriteThenReadGivesTheSameMarkerFromCompactText) {
     EXPECT_EQ(ItemMarker::read(dir.path()), marker);
 
     ItemMarker replacement(LockedItem::Kind::file, "日本語.txt");
+    replacement.mode = 0751;
     replacement.write(dir.path());
-    EXPECT_EQ(ItemMarker::read(dir.path()), replacement);
+    EXPECT_EQ(ItemMarker::read(dir.path()), replacement) << "not replaced, or the mode was lost";
+
+    writeFile(dir / ".corvane-item.json",
+              R"({"formatVersion":1,"kind":"file","name":"a","mode":4096})");
+    EXPECT_EQ(ItemMarker::read(dir.path()), ItemMarker(LockedItem::Kind::file, "a"))
+        << "a mode beyond the permission bits must be ignored";
 }
 
-TEST(ItemMarker, MissingOrMalformedMarkersReadAsNothing) {
-    const std::pair<const char*, const char*> cases[] = {
-        {"empty file", ""},
-        {"empty object", "{}"},
-        {"array", R"([{"formatVersion":1,"kind":"file","name":"a"}])"},
-        {"unknown kind", R"({"formatVersion":1,"kind":"symlink","name":"a"})"},
-        {"name as number", R"({"formatVersion":1,"kind":"file","name":1})"},
-        {"version as text", R"({"formatVersion":"1","kind":"file","name":"a"})"},
-        {"version overflowing int", R"({"formatVersion":4294967297,"kind":"file","name":"a"})"},
-        {"truncated", R"({"formatVersion":1,"kind":"file","na)"},
+TEST(SharedState, WriteThenReadRoundTripsInCompactText) {
+    TempDir dir;
+    std::string path = dir / "corvane/state.json";
+    SharedState state{{"/home/a"}, 12};
+    state.write(path);
+    EXPECT_EQ(readFile(path), R"({"unlockedPaths":["\/home\/a"],"bootTime":12})");
+    EXPECT_EQ(SharedState::read(path), state);
+
+    SharedState several{{"/home/ana/Grüße", "/media/usb/日本語"}, 1740820500};
+    several.write(path);
+    EXPECT_EQ(SharedState::read(path), several);
+    EXPECT_EQ(listing(dir / "corvane"), std::vector<std::string>{"state.json"});
+}
+
+// Both small records are read from places anyone may write: whatever is there reads as nothing.
+TEST(SmallRecords, MissingOrMalformedReadAsNothing) {
+    const struct {
+        const char *why, *marker, *state;
+    } cases[] = {
+        {"empty file", "", ""},
+        {"empty object", "{}", "{}"},
+        {"array", R"([{"formatVersion":1,"kind":"file","name":"a"}])",
+         R"([{"unlockedPaths":[],"bootTime":12}])"},
+        {"truncated", R"({"formatVersion":1,"kind":"file","na)",
+         R"({"unlockedPaths":["\/home\/a"],"bootT)"},
+        {"unknown kind / paths not array", R"({"formatVersion":1,"kind":"symlink","name":"a"})",
+         R"({"unlockedPaths":"\/home\/a","bootTime":12})"},
+        {"name as number / path not string", R"({"formatVersion":1,"kind":"file","name":1})",
+         R"({"unlockedPaths":[1],"bootTime":12})"},
+        {"version / boot time as text", R"({"formatVersion":"1","kind":"file","name":"a"})",
+         R"({"unlockedPaths":[],"bootTime":"12"})"},
+        {"version overflowing int / no boot time",
+         R"({"formatVersion":4294967297,"kind":"file","name":"a"})", R"({"unlockedPaths":[]})"},
     };
-    for (const auto& [why, contents] : cases) {
-        TempDir dir;
-        writeFile(dir / ".corvane-item.json", contents);
-        EXPECT_EQ(ItemMarker::read(dir.path()), std::nullopt) << why;
+    TempDir dir;
+    for (const auto& c : cases) {
+        writeFile(dir / ".corvane-item.json", c.marker);
+        EXPECT_EQ(ItemMarker::read(dir.path()), std::nullopt) << "marker: " << c.why;
+        writeFile(dir / "state.json", c.state);
+        EXPECT_EQ(SharedState::read(dir / "state.json"), std::nullopt) << "state: " << c.why;
     }
     TempDir empty;
     EXPECT_EQ(ItemMarker::read(empty.path()), std::nullopt) << "missing file";
     EXPECT_EQ(ItemMarker::read(empty / "no such volume"), std::nullopt) << "missing volume";
+    EXPECT_EQ(SharedState::read(std::nullopt), std::nullopt) << "no path";
+    EXPECT_EQ(SharedState::read(empty / "state.json"), std::nullopt) << "no file";
 }
 
 TEST(ItemMarker, SafeNamesAreSingleComponents) {
@@ -104,38 +127,6 @@ TEST(FileIdentity, TellsFilesApartByInodeAndBirth) {
     EXPECT_EQ(FileIdentity::fromJSON(base.toJSON()), base) << "a field lost or swapped in JSON";
 }
 
-TEST(SharedState, WriteThenReadRoundTripsInCompactText) {
-    TempDir dir;
-    std::string path = dir / "corvane/state.json";
-    SharedState state{{"/home/a"}, 12};
-    state.write(path);
-    EXPECT_EQ(readFile(path), R"({"unlockedPaths":["\/home\/a"],"bootTime":12})");
-    EXPECT_EQ(SharedState::read(path), state);
-
-    SharedState several{{"/home/ana/Grüße", "/media/usb/日本語"}, 1740820500};
-    several.write(path);
-    EXPECT_EQ(SharedState::read(path), several);
-    EXPECT_EQ(listing(dir / "corvane"), std::vector<std::string>{"state.json"});
-}
-
-TEST(SharedState, AbsentOrDamagedRecordsReadAsNothing) {
-    TempDir dir;
-    EXPECT_EQ(SharedState::read(std::nullopt), std::nullopt) << "no path";
-    EXPECT_EQ(SharedState::read(dir / "state.json"), std::nullopt) << "no file";
-    const std::pair<const char*, const char*> cases[] = {
-        {"empty file", ""},
-        {"truncated", R"({"unlockedPaths":["\/home\/a"],"bootT)"},
-        {"paths not array", R"({"unlockedPaths":"\/home\/a","bootTime":12})"},
-        {"path not string", R"({"unlockedPaths":[1],"bootTime":12})"},
-        {"missing boot time", R"({"unlockedPaths":[]})"},
-        {"boot time as text", R"({"unlockedPaths":[],"bootTime":"12"})"},
-    };
-    for (const auto& [why, contents] : cases) {
-        writeFile(dir / "state.json", contents);
-        EXPECT_EQ(SharedState::read(dir / "state.json"), std::nullopt) << why;
-    }
-}
-
 TEST(SharedState, UnlockedSetOnlyForTheCurrentBoot) {
     SharedState state{{"/b", "/a", "/b"}, 100};
     EXPECT_EQ(state.unlockedSet(99), std::nullopt);
@@ -150,17 +141,15 @@ TEST(SharedState, UnlockedSetOnlyForTheCurrentBoot) {
 }
 
 TEST(SharedState, DefaultURLFollowsTheRuntimeDirectory) {
-    std::optional<std::string> saved;
-    if (const char* value = std::getenv("XDG_RUNTIME_DIR")) saved = value;
-
-    setenv("XDG_RUNTIME_DIR", "/run/user/1000", 1);
-    EXPECT_EQ(SharedState::defaultURL(), "/run/user/1000/corvane/state.json");
-    setenv("XDG_RUNTIME_DIR", "", 1);
-    EXPECT_EQ(SharedState::defaultURL(), std::nullopt) << "empty";
-    unsetenv("XDG_RUNTIME_DIR");
-    EXPECT_EQ(SharedState::defaultURL(), std::nullopt) << "unset";
-
-    if (saved) setenv("XDG_RUNTIME_DIR", saved->c_str(), 1);
+    const std::pair<std::optional<std::string>, std::optional<std::string>> rows[] = {
+        {"/run/user/1000", "/run/user/1000/corvane/state.json"},
+        {"", std::nullopt},
+        {std::nullopt, std::nullopt},
+    };
+    for (const auto& [runtime, expected] : rows) {
+        ScopedVariable variable("XDG_RUNTIME_DIR", runtime);
+        EXPECT_EQ(SharedState::defaultURL(), expected) << runtime.value_or("(unset)");
+    }
 }
 
 TEST(SupportLock, OneProcessAtATimeInAPrivateDirectory) {
@@ -171,14 +160,16 @@ TEST(SupportLock, OneProcessAtATimeInAPrivateDirectory) {
     EXPECT_EQ(permissions(dir / "config"), 0700u) << "a created parent must be private";
     EXPECT_EQ(permissions(support), 0700u) << "the support directory must be private";
     EXPECT_EQ(permissions(support + "/.corvane.lock"), 0600u) << "the lock file must be private";
-    EXPECT_EQ(childAcquireResult(support), 1) << "a child got the lock its parent holds";
+    EXPECT_EQ(acquiredByAnotherProcess(support), "held") << "a child got the lock its parent holds";
     held.reset();
-    EXPECT_EQ(childAcquireResult(support), 0) << "released, yet a child cannot take it";
+    EXPECT_EQ(acquiredByAnotherProcess(support), "acquired")
+        << "released, yet a child cannot take it";
     EXPECT_EQ(listing(support), std::vector<std::string>{".corvane.lock"})
         << "release must keep the lock file and add nothing";
 
     // The child leaks its lock: only the system can drop it when the child ends.
-    EXPECT_EQ(exitCodeOfChild([&] { return SupportLock::acquire(support).release() ? 0 : 1; }), 0);
+    auto leak = [&] { return SupportLock::acquire(support).release() ? "leaked" : "held"; };
+    EXPECT_EQ(outcomeInChild(leak), "leaked");
     EXPECT_NE(SupportLock::acquire(support), nullptr) << "a lock outlived the process that held it";
 }
 
@@ -246,14 +237,8 @@ TEST(Characters, PrefixEndsBetweenCharacters) {
         {"e\xCC\x81x", 2, ""},  // e with a combining accent is one character
         {"e\xCC\x81x", 3, "e\xCC\x81"},
         {flag + flag, 12, flag},
-        {"a\xFF\xFE"
-         "b",
-         2, "a\xFF"},  // bytes that are not text count one each
-        {"\xE9\xFF"
-         "abc",
-         3,
-         "\xE9\xFF"
-         "a"},
+        {"a\xFF\xFE" "b", 2, "a\xFF"},  // bytes that are not text count one each
+        {"\xE9\xFF" "abc", 3, "\xE9\xFF" "a"},
     };
     for (const auto& [text, bytes, prefix] : rows)
         EXPECT_EQ(Characters::prefix(text, bytes), prefix) << text << " cut at " << bytes;
