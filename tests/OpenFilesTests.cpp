@@ -1,3 +1,5 @@
+// Who holds files open, from lsof and from /proc against real processes; cloud placeholders; and
+// forgetting a locked item's thumbnails and recent-files entries.
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
@@ -10,7 +12,6 @@
 #include "FileSystem/OpenFiles.h"
 #include "FileSystem/ProcessRunner.h"
 #include "FileSystem/ThumbnailScrubber.h"
-#include "FileSystem/VolumeLayout.h"
 #include "TestSupport.h"
 
 namespace corvane {
@@ -75,36 +76,6 @@ TEST(OpenFiles, AutoEjectOnlyForSystemReadersOnTheAllowList) {
     EXPECT_EQ(OpenFiles::blockingNames(mixed), Names{"gedit"});
 }
 
-TEST(OpenFiles, RealHoldersSeenByLsof) {
-    TempDir root;
-    writeFile(root / "Work/sub/notes.txt", "draft");
-    writeFile(root / "Work/photo.jpg", "jpeg");
-    // A program borrowing an indexer's name, started from a temporary folder.
-    std::filesystem::copy_file("/bin/sleep", root / "tracker-miner-fs-3");
-
-    BackgroundProcess writer(
-        {"/bin/sh", "-c", "exec 3>>\"$1\"; exec /bin/sleep 60", "sh", root / "Work/sub/notes.txt"});
-    BackgroundProcess reader({"/bin/sh", "-c", "exec 3<\"$1\"; exec \"$2\" 60", "sh",
-                              root / "Work/photo.jpg", root / "tracker-miner-fs-3"});
-    ASSERT_TRUE(writer.waitUntilHolding(root / "Work/sub/notes.txt"));
-    ASSERT_TRUE(reader.waitUntilHolding(root / "Work/photo.jpg"));
-
-    Holders folder = OpenFiles::holders(root / "Work", 10);
-    ASSERT_TRUE(folder.isKnown);
-    EXPECT_EQ(OpenFiles::writerNames(folder), Names{"sleep"}) << "+D sees files deep in the folder";
-    EXPECT_EQ(OpenFiles::appNames(root / "Work", 10), Names{"sleep"});
-
-    Holders photo = OpenFiles::holders(root / "Work/photo.jpg", 10);
-    EXPECT_EQ(photo, Holders::known({{"tracker-miner-f", false, reader.pid()}}));
-    EXPECT_EQ(OpenFiles::blockingNames(photo), Names{});
-    EXPECT_EQ(OpenFiles::executablePath(reader.pid()), root / "tracker-miner-fs-3");
-    EXPECT_FALSE(OpenFiles::safeToAutoEject(photo)) << "its program lies in a temporary folder";
-
-    EXPECT_EQ(OpenFiles::holders(root / "missing", 10), Holders::known({}));
-    EXPECT_EQ(OpenFiles::holders(root / "Work", 10, root / "no-lsof"), Holders::unknown());
-    EXPECT_FALSE(OpenFiles::executablePath(999999999));
-}
-
 // Maps a file through libc and closes it, so the mapping is all that holds the file (Python's own
 // mmap keeps a duplicate descriptor open).
 constexpr const char* kMapper = R"(
@@ -124,21 +95,25 @@ time.sleep(60)
 
 TEST(OpenFiles, ProcScanSeesWhatLsofSees) {
     TempDir root;
-    const std::string item = root / "x/a";
+    const std::string item = root / "x/a", photo = item + "/sub/deep/photo.jpg";
     for (const char* name : {"w.txt", "r.txt", "gone.txt", "map\nshared", "private"})
         writeFile(item + "/" + name, std::string(4096, 'x'));
-    std::filesystem::create_directories(item + "/sub");
+    writeFile(photo, "jpeg");
     writeFile(root / "x/ab/w.txt", "not inside");
     writeFile(item + " (deleted)", "a sibling, not inside");
+    // A program borrowing an indexer's name, started from a temporary folder.
+    const std::string indexer = root / "tracker-miner-fs-3";
+    std::filesystem::copy_file("/bin/sleep", indexer);
 
     struct Row {
         std::string what, command;
         std::unique_ptr<BackgroundProcess> process;
         bool holds, isWriter;
     };
-    auto shell = [](const std::string& script, const std::string& argument) {
+    auto shell = [](const std::string& script, const std::string& argument,
+                    const std::string& program = "/bin/sleep") {
         return std::make_unique<BackgroundProcess>(std::vector<std::string>{
-            "/bin/sh", "-c", script + "; exec /bin/sleep 60", "sh", argument});
+            "/bin/sh", "-c", script + "; exec \"$2\" 60", "sh", argument, program});
     };
     auto mapper = [&](const std::string& file, const std::string& sharing) {
         return std::make_unique<BackgroundProcess>(std::vector<std::string>{
@@ -154,12 +129,14 @@ TEST(OpenFiles, ProcScanSeesWhatLsofSees) {
          true, true},
         {"same prefix", "sleep", shell("exec 3>>\"$1\"", root / "x/ab/w.txt"), false, false},
         {"named deleted", "sleep", shell("exec 3<\"$1\"", item + " (deleted)"), false, false},
+        // lsof names a program by the kernel's 15 characters.
+        {"reads deep down", "tracker-miner-f", shell("exec 3<\"$1\"", photo, indexer), true, false},
     };
     // A shell's set-up is done once it has become sleep; a mapper says so with a file.
     auto ready = [&](const Row& row) {
         if (row.command == "python3") return std::filesystem::exists(root / ("ready-" + row.what));
         return testing::readFile("/proc/" + std::to_string(row.process->pid()) + "/comm") ==
-               "sleep\n";
+               row.command + "\n";
     };
     std::vector<Holder> expected;
     for (const auto& row : rows) {
@@ -189,6 +166,18 @@ TEST(OpenFiles, ProcScanSeesWhatLsofSees) {
     }
     EXPECT_EQ(OpenFiles::holders(item, 10), Holders::known(lsofView));
 
+    EXPECT_EQ(OpenFiles::appNames(item, 10), Names{"sleep"}) << "writers only, each once";
+    EXPECT_EQ(OpenFiles::holders(root / "missing", 10), Holders::known({}));
+    EXPECT_EQ(OpenFiles::holders(item, 10, root / "no-lsof"), Holders::unknown());
+
+    const pid_t indexerPid = rows[8].process->pid();
+    Holders reader = OpenFiles::holders(photo, 10);
+    EXPECT_EQ(reader, Holders::known({{"tracker-miner-f", false, indexerPid}}));
+    EXPECT_EQ(OpenFiles::blockingNames(reader), Names{}) << "allow-listed readers are not named";
+    EXPECT_EQ(OpenFiles::executablePath(indexerPid), indexer);
+    EXPECT_FALSE(OpenFiles::executablePath(999999999));
+    EXPECT_FALSE(OpenFiles::safeToAutoEject(reader)) << "its program lies in a temporary folder";
+
     EXPECT_EQ(OpenFiles::holdersFromProc(item, root / "x/ab"), Holders::unknown())
         << "a process table without this process";
     EXPECT_EQ(OpenFiles::holdersFromProc(item, root / "missing"), Holders::unknown());
@@ -216,7 +205,6 @@ TEST(CloudFiles, PlaceholdersAreTheOnlyFilesToDownload) {
     EXPECT_EQ(CloudFiles::downloadTarget(root / "Synced/.Report.pdf.icloud"),
               root / "Synced/Report.pdf");
     EXPECT_EQ(CloudFiles::downloadTarget(root / "Synced/local.txt"), root / "Synced/local.txt");
-    EXPECT_TRUE(VolumeLayout::housekeeping().count(".corvane-item.json"));
 }
 
 TEST(ThumbnailScrubber, URIsAndNamesMatchTheThumbnailers) {
