@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <tuple>
+#include <vector>
 
 #include "FileSystem/ItemFacts.h"
 #include "FileSystem/LockPolicy.h"
@@ -50,40 +51,30 @@ protected:
 
 TEST_F(LockPolicyOnDisk, RefusalsOnRealPaths) {
     const std::string home = root / "home";
-    const std::pair<std::string, std::optional<LockRefusal>> rows[] = {
-        {home + "/Projects", std::nullopt},
-        {home + "/Projects/plan.txt", std::nullopt},
-        {home + "/Documents/Taxes", std::nullopt},
-        {home + "/Nothing here", LockRefusal::doesNotExist},
-        {home + "/Link to Projects", LockRefusal::shortcut},
-        {home + "/Dangling", LockRefusal::shortcut},
-        {home, LockRefusal::homeFolder},
-        {home + "/Projects/..", LockRefusal::homeFolder},
-        {root / "home-link", LockRefusal::shortcut},
-        {root / "home-link/Documents", LockRefusal::standardFolder},
-        {home + "/Projects/../Downloads", LockRefusal::standardFolder},
-        {home + "/Desktop", LockRefusal::standardFolder},
-        {home + "/.config", LockRefusal::libraryFolder},
-        {home + "/.config/app", LockRefusal::libraryFolder},
-        {home + "/.cache/x", LockRefusal::libraryFolder},
-        {home + "/.local/share/corvane", LockRefusal::libraryFolder},
-        {home + "/.local/share/corvane/Open", LockRefusal::insideUnlockedItem},
-        {home + "/.local/share/corvane/Open/Taxes", LockRefusal::insideUnlockedItem},
-        {root / "opt/Corvane", LockRefusal::corvaneItself},
-        {root / "opt/Corvane/bin", LockRefusal::corvaneItself},
-        {home + "/Sync", LockRefusal::corvaneRecords},
-        {home + "/Sync/corvane", LockRefusal::corvaneRecords},
-        {home + "/Sync/corvane/Open", LockRefusal::corvaneRecords},
-        {root / "home-link/Sync", LockRefusal::corvaneRecords},
-        {home + "/Sync/corvane-old", std::nullopt},
-        {home + "/Tools.APP", LockRefusal::application},
-        {home + "/Tools.APP/Contents", LockRefusal::application},
-        {home + "/Game.AppImage", LockRefusal::application},
-        {home + "/Archive.sparsebundle/bands", LockRefusal::insideLockedItem},
-        {home + "/Old.corvlock", LockRefusal::alreadyLocked},
-        {home + "/.corvane-0F4A.partial.sparsebundle", LockRefusal::alreadyLocked},
+    const std::string open = home + "/.local/share/corvane/Open";
+    const std::pair<std::optional<LockRefusal>, std::vector<std::string>> rows[] = {
+        {std::nullopt, {home + "/Projects", home + "/Projects/plan.txt", home + "/Documents/Taxes",
+                        home + "/Sync/corvane-old"}},
+        {LockRefusal::doesNotExist, {home + "/Nothing here"}},
+        {LockRefusal::shortcut,
+         {home + "/Link to Projects", home + "/Dangling", root / "home-link"}},
+        {LockRefusal::homeFolder, {home, home + "/Projects/.."}},
+        {LockRefusal::standardFolder,
+         {root / "home-link/Documents", home + "/Projects/../Downloads", home + "/Desktop"}},
+        {LockRefusal::libraryFolder, {home + "/.config", home + "/.config/app", home + "/.cache/x",
+                                      home + "/.local/share/corvane"}},
+        {LockRefusal::insideUnlockedItem, {open, open + "/Taxes"}},
+        {LockRefusal::corvaneItself, {root / "opt/Corvane", root / "opt/Corvane/bin"}},
+        {LockRefusal::corvaneRecords, {home + "/Sync", home + "/Sync/corvane",
+                                       home + "/Sync/corvane/Open", root / "home-link/Sync"}},
+        {LockRefusal::application,
+         {home + "/Tools.APP", home + "/Tools.APP/Contents", home + "/Game.AppImage"}},
+        {LockRefusal::insideLockedItem, {home + "/Archive.sparsebundle/bands"}},
+        {LockRefusal::alreadyLocked,
+         {home + "/Old.corvlock", home + "/.corvane-0F4A.partial.sparsebundle"}},
     };
-    for (const auto& [path, expected] : rows) EXPECT_EQ(refusalOf(path), expected) << path;
+    for (const auto& [expected, paths] : rows)
+        for (const auto& path : paths) EXPECT_EQ(refusalOf(path), expected) << path;
 }
 
 TEST_F(LockPolicyOnDisk, StandardFoldersFollowTheDesktopSettings) {
@@ -108,29 +99,14 @@ TEST(LockPolicy, SystemLocationsAndFacts) {
     TempDir scratch;
     LockPolicy policy(scratch / "home", "/var/lib/corvane-open", std::nullopt);
     ItemFacts present{true, false, false, false, 4096};
-    const std::pair<const char*, std::optional<LockRefusal>> rows[] = {
-        {"/", LockRefusal::systemLocation},
-        {"/home", LockRefusal::systemLocation},
-        {"/media", LockRefusal::systemLocation},
-        {"/mnt", LockRefusal::systemLocation},
-        {"/run/media", LockRefusal::systemLocation},
-        {"/tmp", LockRefusal::systemLocation},
-        {"/var/tmp", LockRefusal::systemLocation},
-        {"/usr", LockRefusal::systemLocation},
-        {"/usr/local/share", LockRefusal::systemLocation},
-        {"/etc/ssh", LockRefusal::systemLocation},
-        {"/var/log", LockRefusal::systemLocation},
-        {"/run/user", LockRefusal::systemLocation},
-        {"/usrdata", std::nullopt},
-        {"/home/someone/Projects", std::nullopt},
-        {"/media/USB/Photos", std::nullopt},
-        {"/run/media/alice/USB/Photos", std::nullopt},
-        {"/var/tmp/build", std::nullopt},
-        {"/tmp/report.pdf", std::nullopt},
-        {"/var/lib/corvane-open/Taxes", LockRefusal::insideUnlockedItem},
-    };
-    for (const auto& [path, expected] : rows)
-        EXPECT_EQ(policy.refusal(path, present), expected) << "wrong refusal for " << path;
+    for (const char* path : {"/", "/home", "/media", "/mnt", "/run/media", "/tmp", "/var/tmp",
+                             "/usr", "/usr/local/share", "/etc/ssh", "/var/log", "/run/user"})
+        EXPECT_EQ(policy.refusal(path, present), LockRefusal::systemLocation) << path;
+    for (const char* path : {"/usrdata", "/home/someone/Projects", "/media/USB/Photos",
+                             "/run/media/alice/USB/Photos", "/var/tmp/build", "/tmp/report.pdf"})
+        EXPECT_EQ(policy.refusal(path, present), std::nullopt) << path;
+    EXPECT_EQ(policy.refusal("/var/lib/corvane-open/Taxes", present),
+              LockRefusal::insideUnlockedItem);
 
     const auto maxBytes = LockPolicy::maxBytes;
     const std::tuple<const char*, ItemFacts, std::optional<LockRefusal>> facts[] = {

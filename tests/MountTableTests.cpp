@@ -57,14 +57,12 @@ TEST(MountTable, ParsesMountinfoLines) {
         << "a name prefix is not a parent folder";
 }
 
-TEST(MountTable, ReadsTheLiveTableToItsEnd) {
-    auto mounts = MountTable::read();
-    ASSERT_FALSE(mounts.empty()) << "a /proc file says its size is 0; it is read to the end";
-    EXPECT_TRUE(std::any_of(mounts.begin(), mounts.end(),
+TEST(MountTable, ReadsTablesToTheirEnd) {
+    auto live = MountTable::read();
+    ASSERT_FALSE(live.empty()) << "a /proc file says its size is 0; it is read to the end";
+    EXPECT_TRUE(std::any_of(live.begin(), live.end(),
                             [](const MountEntry& mount) { return mount.mountPoint == "/"; }));
-}
 
-TEST(MountTable, ReadsALongTableWhole) {
     TempDir root;
     std::string table;
     for (int line = 0; line < 3000; ++line)
@@ -77,25 +75,24 @@ TEST(MountTable, ReadsALongTableWhole) {
 
 TEST(MountTable, UnreadableTableIsAnErrorNamingItsPath) {
     TempDir root;
-    std::string tooLong = root / "too-long";
-    writeFile(tooLong, "");
-    ASSERT_EQ(truncate(tooLong.c_str(), MountTable::maximumBytes + 1), 0);
-    std::string exactlyAtTheCap = root / "at-the-cap";
-    writeFile(exactlyAtTheCap, "");
-    ASSERT_EQ(truncate(exactlyAtTheCap.c_str(), MountTable::maximumBytes), 0);
-
+    auto sized = [&](const char* name, off_t size) {
+        writeFile(root / name, "");
+        EXPECT_EQ(truncate((root / name).c_str(), size), 0);
+        return root / name;
+    };
     const std::pair<std::string, int> rows[] = {
         {root / "missing", ENOENT},
         {root.path(), EISDIR},
-        {tooLong, EFBIG},
+        {sized("too-long", MountTable::maximumBytes + 1), EFBIG},
+        {sized("at-the-cap", MountTable::maximumBytes), 0},
     };
     for (const auto& [path, code] : rows) {
         auto failure = readFailure(path);
-        ASSERT_TRUE(failure) << path;
-        EXPECT_EQ(failure->first, code) << path;
-        EXPECT_TRUE(failure->second.starts_with(path + ": ")) << failure->second;
+        EXPECT_EQ(failure ? failure->first : 0, code) << path;
+        if (failure) {
+            EXPECT_TRUE(failure->second.starts_with(path + ": ")) << failure->second;
+        }
     }
-    EXPECT_FALSE(readFailure(exactlyAtTheCap)) << "the cap itself is allowed";
 
     writeFile(root / "unreadable", "22 1 8:1 / / rw - ext4 /dev/sda1 rw\n");
     chmod((root / "unreadable").c_str(), 0);

@@ -10,6 +10,7 @@
 #include <chrono>
 #include <system_error>
 #include <thread>
+#include <tuple>
 
 #include "FileSystem/ProcessRunner.h"
 #include "Records/CorvaneError.h"
@@ -104,12 +105,8 @@ TEST(ProcessRunner, TimeoutAndCancelEndTheChild) {
 
 TEST(UTF8, LenientReplacesEachMaximalInvalidSubpart) {
     const std::string r = "\uFFFD";
-    struct Case {
-        const char* name;
-        std::string bytes;
-        std::string text;
-    };
-    const Case cases[] = {
+    // Name, bytes, and the text they read as.
+    const std::tuple<const char*, std::string, std::string> cases[] = {
         {"valid text", "Grüße 日本 😀", "Grüße 日本 😀"},
         {"lone lead byte", "\xC3", r},
         {"truncated three-byte sequence", std::string("\xE2\x82") + "A", r + "A"},
@@ -120,9 +117,9 @@ TEST(UTF8, LenientReplacesEachMaximalInvalidSubpart) {
         {"above U+10FFFF", "\xF4\x90\x80\x80", r + r + r + r},
         {"invalid between valid", "\xC3\xA9\xFF\xC3\xA9", "é" + r + "é"},
     };
-    for (const auto& c : cases) {
-        EXPECT_EQ(UTF8::lenient(c.bytes), c.text) << "wrong replacement: " << c.name;
-        EXPECT_EQ(UTF8::isValid(c.bytes), c.bytes == c.text) << "wrong validity: " << c.name;
+    for (const auto& [name, bytes, text] : cases) {
+        EXPECT_EQ(UTF8::lenient(bytes), text) << "wrong replacement: " << name;
+        EXPECT_EQ(UTF8::isValid(bytes), bytes == text) << "wrong validity: " << name;
     }
 }
 
