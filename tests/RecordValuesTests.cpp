@@ -8,7 +8,6 @@
 
 #include <optional>
 
-
 #include "Records/Base64.h"
 #include "Records/Characters.h"
 #include "Records/FileIdentity.h"
