@@ -139,6 +139,12 @@ TEST(StoredSecret, JSONFormAndLenientReading) {
     StoredSecret full{"Grüße", 9, "b", {"a", "b"}};
     EXPECT_EQ(StoredSecret::decode(full.encode()), full);
 
+    // Up to 64 KiB, like every small record.
+    std::string padded = R"({"password":"pw","generation":1,"history":[]})";
+    padded.resize(64 << 10, ' ');
+    EXPECT_EQ(StoredSecret::decode(padded).password, "pw");
+    EXPECT_THROW(StoredSecret::decode(padded + " "), DecodingError) << "one byte over the limit";
+
     for (const char* bad : {"", "{}", R"({"password":"x"})", R"({"password":1,"generation":1})",
                             R"({"password":"x","generation":1.5})",
                             R"({"password":"x","generation":1,"history":"a"})"})

@@ -18,7 +18,6 @@
 #include "Records/JSONCodec.h"
 #include "Records/OperationJournal.h"
 #include "Records/SharedState.h"
-#include "Records/StoredSecret.h"
 #include "TestSupport.h"
 
 // Every umask call the process makes, counted on its way to the C library.
@@ -570,22 +569,6 @@ TEST(JSONCodec, ReadersOpenOnlyRegularFilesUpToTheirLimit) {
             EXPECT_EQ(listing(folder), before) << "index: " << c.name;
         }
     }
-}
-
-TEST(JSONCodec, SmallRecordsAndTheirLimits) {
-    TempDir dir;
-    const std::string path = dir / "record";
-    writeFile(path, "0123456789");
-    for (auto [limit, expected] : {std::pair<std::size_t, const char*>{10, "returned 0123456789"},
-                                   {9, "DecodingError"},
-                                   {0, "DecodingError"}})
-        EXPECT_EQ(outcomeWithin([&] { return JSONCodec::readIfPresent(path, limit).value(); }),
-                  expected)
-            << "limit " << limit;
-
-    const std::string secret = R"({"password":"pw","generation":1,"history":[]})";
-    EXPECT_EQ(StoredSecret::decode(padded(secret, 64 << 10)).password, "pw");
-    EXPECT_THROW(StoredSecret::decode(padded(secret, (64 << 10) + 1)), DecodingError);
 }
 
 TEST(ItemMarker, WriteNeitherFollowsALinkNorWaitsOnAFIFO) {
