@@ -292,7 +292,7 @@ LockedItem Locker::lock(const std::string& path, const std::string& password,
 
         // Journal write 2: the image is complete; from its rename on, it is the item.
         report(LockStep::removingOriginal);
-        entry.lockedIdentity = FileIdentity::of(partialURL);
+        entry.lockedIdentity = FileIdentity::of(parent.anchored(partialName));
         entry.lockedAt = DateFormat::roundedToSecond(std::chrono::system_clock::now());
         journal.add(entry);
         crashIf(CrashPoint::lockBeforeRename);
@@ -316,7 +316,9 @@ LockedItem Locker::lock(const std::string& path, const std::string& password,
     // The locked item is visible: nothing is undone from here on, and the journal entry stays
     // until the original is gone so that recovery can finish the removal.
     try {
-        if (auto identity = FileIdentity::of(finalURL)) entry.lockedIdentity = identity;
+        // Through the folder held open: its path may lead elsewhere by now.
+        if (auto identity = FileIdentity::of(parent.anchored(finalName)))
+            entry.lockedIdentity = identity;
         entry.lockedAt = record.createdAt;
         journal.add(entry);
         index.upsert(record);
