@@ -339,8 +339,9 @@ Task<std::optional<std::string>> AppModel::verifiedPassword(std::string reason) 
                 std::thread([handoff = model->fingerprintHandoff_, stop = stop,
                              &verified = verified, awaiting, timeout] {
                     FingerprintReader reader;
-                    bool result = reader.available() &&
-                                  reader.verify(timeout, [&] { return *stop || handoff->modelGone; });
+                    bool result = reader.available() && reader.verify(timeout, [&] {
+                        return *stop || handoff->modelGone;
+                    });
                     std::lock_guard hold(handoff->mutex);
                     if (!handoff->model) return;
                     QMetaObject::invokeMethod(

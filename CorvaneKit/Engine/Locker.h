@@ -93,7 +93,7 @@ public:
     // Turns the locked item at `path` back into normal files beside it; returns where they are.
     std::string removeLock(const std::string& path, const std::string& password,
                            const CancelToken* cancel = nullptr, const Progress& progress = nullptr,
-                    const BytesProgress& bytes = nullptr);
+                           const BytesProgress& bytes = nullptr);
     static std::string restoreDestination(const std::string& name, const std::string& directory);
 
     // Finishes or undoes every interrupted lock and restore in the journal and closes images

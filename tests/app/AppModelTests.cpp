@@ -338,8 +338,8 @@ TEST_F(AppModelTest, AFingerprintStandsInForTheTypedPasswordUnlessItFailsOrIsSwi
 TEST_F(AppModelTest, AReaderStillWaitingWhenTheModelGoesReportsToNobody) {
     auto settings = configuration();
     settings.fingerprintTimeout = std::chrono::seconds(1);
-    model = std::make_unique<app::AppModel>(app::AppModel::Services{user, user, user, user},
-                                            settings);
+    model =
+        std::make_unique<app::AppModel>(app::AppModel::Services{user, user, user, user}, settings);
     ASSERT_TRUE(model->start());
     settle();
     await(model->lock(folder("Secret")));
