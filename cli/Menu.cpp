@@ -5,32 +5,13 @@
 
 #include "Arguments.h"
 #include "Commands.h"
-#include "Commands/FileManagerMenuModel.h"
-#include "Records/Paths.h"
-#include "Records/SharedState.h"
+#include "MenuSelection.h"
 
 namespace corvane::cli {
 
-namespace {
-
-// Against the working folder, but otherwise as given: the URL names what the user selected.
-std::string absolute(const std::string& path) {
-    if (path.starts_with('/')) return path;
-    std::string folder = standardizedPath(".");
-    return (folder == "/" ? "" : folder) + "/" + path;
-}
-
-}  // namespace
-
 int runMenu(CommandContext&, const Words& words, std::istream&, std::ostream& out, std::ostream&) {
     Arguments arguments = Arguments::parse(words, {"--json"});
-    std::vector<std::string> selection;
-    for (const auto& path : arguments.operands) selection.push_back(absolute(path));
-
-    std::optional<std::set<std::string>> unlocked;
-    if (auto state = SharedState::read(SharedState::defaultURL()))
-        unlocked = state->unlockedSet(SharedState::currentBootTime());
-    auto entries = FileManagerMenuModel::entries(selection, unlocked);
+    auto entries = MenuSelection::entries(MenuSelection::absolute(arguments.operands));
 
     if (arguments.has("--json")) {
         nlohmann::ordered_json list = nlohmann::ordered_json::array();

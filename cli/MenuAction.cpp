@@ -6,27 +6,15 @@
 
 #include "Arguments.h"
 #include "Commands.h"
-#include "Commands/FileManagerMenuModel.h"
-#include "Records/Paths.h"
-#include "Records/SharedState.h"
+#include "MenuSelection.h"
 #include "UsageError.h"
 
 namespace corvane::cli {
 
 namespace {
 
-// As `corvane menu` takes a selection: against the working folder, otherwise as given.
-std::string absolute(const std::string& path) {
-    if (path.starts_with('/')) return path;
-    std::string folder = standardizedPath(".");
-    return (folder == "/" ? "" : folder) + "/" + path;
-}
-
 bool offers(CorvaneCommand::Kind kind, const std::vector<std::string>& selection) {
-    std::optional<std::set<std::string>> unlocked;
-    if (auto state = SharedState::read(SharedState::defaultURL()))
-        unlocked = state->unlockedSet(SharedState::currentBootTime());
-    auto entries = FileManagerMenuModel::entries(selection, unlocked);
+    auto entries = MenuSelection::entries(selection);
     return std::any_of(entries.begin(), entries.end(), [&](const FileManagerMenuEntry& entry) {
         return entry.command.kind == kind;
     });
@@ -44,9 +32,8 @@ int runMenuAction(CommandContext& context, const Words& words, std::istream& in,
     if (host == hosts.end())
         throw UsageError("unknown menu action " + context.forError(arguments.operands.front()));
     auto kind = CorvaneCommand::Kind(host - hosts.begin());
-    std::vector<std::string> selection;
-    std::transform(arguments.operands.begin() + 1, arguments.operands.end(),
-                   std::back_inserter(selection), absolute);
+    auto selection =
+        MenuSelection::absolute({arguments.operands.begin() + 1, arguments.operands.end()});
 
     if (arguments.has("--offers")) return offers(kind, selection) ? 0 : 1;
 
