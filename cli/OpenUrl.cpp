@@ -49,29 +49,6 @@ std::string describe(std::chrono::milliseconds limit) {
     return std::to_string(ms / 1000) + (ms == 1000 ? " second" : " seconds");
 }
 
-int hexValue(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    return -1;
-}
-
-std::optional<std::string> percentDecoded(std::string_view text) {
-    std::string bytes;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        if (text[i] != '%') {
-            bytes += text[i];
-            continue;
-        }
-        int high = i + 2 < text.size() ? hexValue(text[i + 1]) : -1;
-        int low = high >= 0 ? hexValue(text[i + 2]) : -1;
-        if (low < 0) return std::nullopt;
-        bytes += static_cast<char>(high * 16 + low);
-        i += 2;
-    }
-    return bytes;
-}
-
 // The path a file:// URL (of this machine) or an absolute path names.
 std::optional<std::string> localPath(std::string_view text) {
     if (text.starts_with('/')) return std::string(text);
@@ -82,7 +59,7 @@ std::optional<std::string> localPath(std::string_view text) {
     auto host = text.substr(0, slash);
     if (!host.empty() && host != "localhost") return std::nullopt;
     text.remove_prefix(slash);
-    return percentDecoded(text.substr(0, text.find_first_of("?#")));
+    return CorvaneCommand::percentDecoded(text.substr(0, text.find_first_of("?#")));
 }
 
 // The line for the application: a command as given, or the unlock command for a locked item.

@@ -53,24 +53,11 @@ int hexValue(char c) {
     return -1;
 }
 
-// The bytes %XX escapes stand for; nothing when an escape is broken or a character is not
-// `allowed` in the component.
+// Decoded, but nothing as well when a character is not `allowed` in the component.
 std::optional<std::string> decoded(std::string_view text, Allowed allowed) {
-    std::string bytes;
-    bytes.reserve(text.size());
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        if (text[i] != '%') {
-            if (!allowed(text[i])) return std::nullopt;
-            bytes += text[i];
-            continue;
-        }
-        int high = i + 2 < text.size() ? hexValue(text[i + 1]) : -1;
-        int low = high >= 0 ? hexValue(text[i + 2]) : -1;
-        if (low < 0) return std::nullopt;
-        bytes += static_cast<char>(high * 16 + low);
-        i += 2;
-    }
-    return bytes;
+    if (!std::all_of(text.begin(), text.end(), [&](char c) { return c == '%' || allowed(c); }))
+        return std::nullopt;
+    return CorvaneCommand::percentDecoded(text);
 }
 
 std::string encoded(std::string_view bytes) {
@@ -123,6 +110,23 @@ std::optional<std::vector<std::string>> pathValues(std::string_view query) {
 }
 
 }  // namespace
+
+std::optional<std::string> CorvaneCommand::percentDecoded(std::string_view text) {
+    std::string bytes;
+    bytes.reserve(text.size());
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (text[i] != '%') {
+            bytes += text[i];
+            continue;
+        }
+        int high = i + 2 < text.size() ? hexValue(text[i + 1]) : -1;
+        int low = high >= 0 ? hexValue(text[i + 2]) : -1;
+        if (low < 0) return std::nullopt;
+        bytes += static_cast<char>(high * 16 + low);
+        i += 2;
+    }
+    return bytes;
+}
 
 std::string CorvaneCommand::url() const {
     std::string text = std::string(scheme) + "://" + std::string(hosts[std::size_t(kind)]) + "?";

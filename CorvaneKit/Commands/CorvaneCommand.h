@@ -40,6 +40,9 @@ struct CorvaneCommand {
     // no usable absolute path (or more than one where one is expected).
     static std::optional<CorvaneCommand> parse(std::string_view url);
 
+    // The bytes the %XX escapes in `text` stand for; nothing when an escape is broken.
+    static std::optional<std::string> percentDecoded(std::string_view text);
+
     // Whether the user must agree first: a lock needs no password, so an unknown sender could
     // otherwise start one unseen; the other actions ask for the password or only show files.
     bool needsConfirmation(const std::optional<std::string>& sender, bool testOverride) const;
