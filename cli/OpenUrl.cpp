@@ -23,6 +23,7 @@
 #include "CommandFailure.h"
 #include "Commands.h"
 #include "Commands/FileManagerMenuModel.h"
+#include "FileSystem/ChildSpawn.h"
 #include "UsageError.h"
 
 namespace corvane::cli {
@@ -171,29 +172,16 @@ std::optional<std::string> applicationProgram() {
 std::optional<pid_t> startApplication() {
     auto program = applicationProgram();
     if (!program) return std::nullopt;
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDWR, 0);
-    posix_spawn_file_actions_adddup2(&actions, STDIN_FILENO, STDOUT_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, STDIN_FILENO, STDERR_FILENO);
-    posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1);
-    posix_spawn_file_actions_addchdir_np(&actions, "/");
-    posix_spawnattr_t attributes;
-    posix_spawnattr_init(&attributes);
-    sigset_t defaults, unblocked;
-    sigemptyset(&defaults);
-    sigaddset(&defaults, SIGPIPE);
-    sigemptyset(&unblocked);
-    posix_spawnattr_setsigdefault(&attributes, &defaults);
-    posix_spawnattr_setsigmask(&attributes, &unblocked);
-    posix_spawnattr_setflags(&attributes,
-                             POSIX_SPAWN_SETSID | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
+    ChildSpawn spawn(POSIX_SPAWN_SETSID);
+    posix_spawn_file_actions_addopen(spawn.actions(), STDIN_FILENO, "/dev/null", O_RDWR, 0);
+    posix_spawn_file_actions_adddup2(spawn.actions(), STDIN_FILENO, STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(spawn.actions(), STDIN_FILENO, STDERR_FILENO);
+    posix_spawn_file_actions_addclosefrom_np(spawn.actions(), STDERR_FILENO + 1);
+    posix_spawn_file_actions_addchdir_np(spawn.actions(), "/");
     std::string background = "--background";
     char* argv[] = {program->data(), background.data(), nullptr};
     pid_t child = 0;
-    int error = posix_spawn(&child, program->c_str(), &actions, &attributes, argv, environ);
-    posix_spawn_file_actions_destroy(&actions);
-    posix_spawnattr_destroy(&attributes);
+    int error = spawn.start(child, program->c_str(), argv);
     if (error != 0) return std::nullopt;
     return child;
 }

@@ -13,10 +13,9 @@
 #include <system_error>
 #include <thread>
 
+#include "FileSystem/ChildSpawn.h"
 #include "Records/CorvaneError.h"
 #include "Records/UTF8.h"
-
-extern char** environ;
 
 namespace corvane {
 
@@ -103,32 +102,13 @@ pid_t spawn(const std::string& executablePath, const std::vector<std::string>& a
     for (const auto& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
     argv.push_back(nullptr);
 
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, input, STDIN_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, output, STDERR_FILENO);
-
-    // The child starts clean: SIGPIPE (ignored here) back to its default, and no signal blocked,
-    // whatever this process blocks, so that the SIGTERM of a cancel or time-out reaches it.
-    posix_spawnattr_t attributes;
-    posix_spawnattr_init(&attributes);
-    sigset_t defaults, unblocked;
-    sigemptyset(&defaults);
-    sigaddset(&defaults, SIGPIPE);
-    sigemptyset(&unblocked);
-    posix_spawnattr_setsigdefault(&attributes, &defaults);
-    posix_spawnattr_setsigmask(&attributes, &unblocked);
     // Its own process group, so a Ctrl-C at the terminal reaches the user's Cancel, not the tool.
-    posix_spawnattr_setpgroup(&attributes, 0);
-    posix_spawnattr_setflags(
-        &attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETPGROUP);
-
+    ChildSpawn spawn(POSIX_SPAWN_SETPGROUP);
+    posix_spawn_file_actions_adddup2(spawn.actions(), input, STDIN_FILENO);
+    posix_spawn_file_actions_adddup2(spawn.actions(), output, STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(spawn.actions(), output, STDERR_FILENO);
     pid_t child = 0;
-    int error =
-        posix_spawn(&child, executablePath.c_str(), &actions, &attributes, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    posix_spawnattr_destroy(&attributes);
+    int error = spawn.start(child, executablePath.c_str(), argv.data());
     if (error != 0) throw std::system_error(error, std::generic_category(), executablePath);
     return child;
 }
