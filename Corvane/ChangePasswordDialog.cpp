@@ -6,6 +6,7 @@
 #include <QLineEdit>
 #include <QPushButton>
 
+#include "ErrorLabel.h"
 #include "StrengthMeter.h"
 
 namespace corvane::app {
@@ -17,7 +18,7 @@ ChangePasswordDialog::ChangePasswordDialog(Change change, QWidget* parent)
       next_(new QLineEdit),
       confirmation_(new QLineEdit),
       meter_(new StrengthMeter),
-      error_(new QLabel) {
+      error_(new ErrorLabel) {
     setWindowTitle(QStringLiteral("Change Password"));
     auto* form = new QFormLayout(this);
     form->addRow(QStringLiteral("Current password"), current_);
@@ -31,12 +32,6 @@ ChangePasswordDialog::ChangePasswordDialog(Change change, QWidget* parent)
     }
     connect(next_, &QLineEdit::textChanged, meter_, &StrengthMeter::setPassword);
 
-    error_->setTextFormat(Qt::PlainText);
-    error_->setWordWrap(true);
-    QPalette alarm = error_->palette();
-    alarm.setColor(QPalette::WindowText, QColor(0xc0, 0x1c, 0x28));
-    error_->setPalette(alarm);
-    error_->hide();
     form->addRow(error_);
 
     auto* buttons = new QDialogButtonBox;

@@ -6,6 +6,7 @@
 #include <QLabel>
 #include <QPushButton>
 
+#include "ErrorLabel.h"
 #include "Records/IdlePolicy.h"
 
 namespace corvane::app {
@@ -19,18 +20,11 @@ SettingsWindow::SettingsWindow(Seams seams, QWidget* parent)
       fingerprint_(new QCheckBox(QStringLiteral("Use fingerprint to unlock"))),
       startAtLogin_(new QCheckBox(QStringLiteral("Start Corvane when you log in"))),
       fileManagerMenu_(new QCheckBox(QStringLiteral("File manager menu"))),
-      error_(new QLabel) {
+      error_(new ErrorLabel) {
     setWindowTitle(QStringLiteral("Corvane Settings"));
     setMinimumWidth(360);
     for (int minutes : IdlePolicy::choices) idle_->addItem(idleChoiceName(minutes), minutes);
     auto* changePassword = new QPushButton(QStringLiteral("Change Password…"));
-    error_->setTextFormat(Qt::PlainText);
-    error_->setWordWrap(true);
-    QPalette alarm = error_->palette();
-    alarm.setColor(QPalette::WindowText, QColor(0xc0, 0x1c, 0x28));
-    error_->setPalette(alarm);
-    error_->hide();
-
     auto* form = new QFormLayout(this);
     form->setContentsMargins(18, 18, 18, 18);
     form->setVerticalSpacing(10);

@@ -9,6 +9,7 @@
 #include <QVBoxLayout>
 #include <string_view>
 
+#include "ErrorLabel.h"
 #include "Records/PasswordRules.h"
 #include "RightClickDemo.h"
 #include "StrengthMeter.h"
@@ -30,7 +31,7 @@ SetupWindow::SetupWindow(Seams seams, QWidget* parent)
     : QWidget(parent),
       seams_(std::move(seams)),
       pages_(new QStackedWidget),
-      error_(paragraph({})),
+      error_(new ErrorLabel),
       back_(new QPushButton(QStringLiteral("Back"))),
       next_(new QPushButton) {
     setWindowTitle(QStringLiteral("Corvane"));
@@ -38,11 +39,6 @@ SetupWindow::SetupWindow(Seams seams, QWidget* parent)
     for (QWidget* page : {welcomePage(), passwordPage(), fingerprintPage(), fileManagerPage(),
                           diskProtectionPage(), donePage()})
         pages_->addWidget(page);
-
-    QPalette alarm = error_->palette();
-    alarm.setColor(QPalette::WindowText, QColor(0xc0, 0x1c, 0x28));
-    error_->setPalette(alarm);
-    error_->hide();
 
     auto* buttons = new QHBoxLayout;
     buttons->addStretch();
