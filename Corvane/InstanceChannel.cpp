@@ -17,6 +17,8 @@
 #include <cstring>
 #include <thread>
 
+#include "Records/Paths.h"
+
 namespace corvane::app {
 
 struct InstanceChannel::Peer {
@@ -91,9 +93,9 @@ InstanceChannel::~InstanceChannel() {
 }
 
 std::optional<std::string> InstanceChannel::socketPath() {
-    const char* runtime = std::getenv("XDG_RUNTIME_DIR");
-    if (runtime == nullptr || runtime[0] != '/') return std::nullopt;
-    return std::string(runtime) + "/corvane/command.sock";
+    auto folder = sessionRuntimeFolder();
+    if (!folder) return std::nullopt;
+    return *folder + "/command.sock";
 }
 
 bool InstanceChannel::listen() {

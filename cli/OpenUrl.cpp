@@ -24,6 +24,7 @@
 #include "Commands.h"
 #include "Commands/FileManagerMenuModel.h"
 #include "FileSystem/ChildSpawn.h"
+#include "Records/Paths.h"
 #include "UsageError.h"
 
 namespace corvane::cli {
@@ -195,12 +196,12 @@ int runOpenUrl(CommandContext& context, const Words& words, std::istream&, std::
     auto line = commandLine(arguments.operands.front());
     if (!line)
         throw CommandFailure("That is neither a Corvane command URL nor a locked item to open.");
-    const char* runtime = std::getenv("XDG_RUNTIME_DIR");
-    if (!runtime || runtime[0] != '/')
+    auto runtime = sessionRuntimeFolder();
+    if (!runtime)
         throw CommandFailure(
             "Corvane cannot be reached: this session has no runtime folder "
             "(XDG_RUNTIME_DIR).");
-    std::string socketPath = std::string(runtime) + "/corvane/command.sock";
+    std::string socketPath = *runtime + "/command.sock";
 
     auto limit = timeLimit();
     auto deadline = Clock::now() + limit;

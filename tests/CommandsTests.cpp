@@ -307,6 +307,8 @@ TEST_F(OpenUrlCommand, RefusesWhatItMustNotSendWithoutStartingTheApplication) {
         {command, "a file", "is not a socket"},
         {command, "a link to a listener", "is not a socket"},
         {command, "another user's listener", "belongs to another user"},
+        {command, "no runtime folder", "no runtime folder"},
+        {command, "a relative runtime folder", "no runtime folder"},
     };
     for (const auto& each : cases) {
         std::filesystem::remove(socketPath);
@@ -320,6 +322,16 @@ TEST_F(OpenUrlCommand, RefusesWhatItMustNotSendWithoutStartingTheApplication) {
         if (each.atSocket == "another user's listener") {
             listener = std::make_unique<Listener>(socketPath);
             ASSERT_EQ(chown(socketPath.c_str(), kNobody, kNobody), 0);
+        }
+        std::optional<ScopedVariable> runtime;
+        if (each.atSocket == "no runtime folder") runtime.emplace("XDG_RUNTIME_DIR", std::nullopt);
+        if (each.atSocket == "a relative runtime folder") {
+            // Even where the relative path would lead to a listener.
+            listener = std::make_unique<Listener>(socketPath);
+            runtime.emplace("XDG_RUNTIME_DIR",
+                            std::filesystem::relative(
+                                std::filesystem::path(socketPath).parent_path().parent_path())
+                                .string());
         }
         double seconds = 0;
         Outcome outcome = timedRun(each.url, seconds);

@@ -143,6 +143,7 @@ TEST(SharedState, DefaultURLFollowsTheRuntimeDirectory) {
     const std::pair<std::optional<std::string>, std::optional<std::string>> rows[] = {
         {"/run/user/1000", "/run/user/1000/corvane/state.json"},
         {"", std::nullopt},
+        {"run/user/1000", std::nullopt},
         {std::nullopt, std::nullopt},
     };
     for (const auto& [runtime, expected] : rows) {

@@ -112,4 +112,10 @@ std::string lastPathComponent(std::string_view path) {
     return components.size() > 1 ? components.back() : "";
 }
 
+std::optional<std::string> sessionRuntimeFolder() {
+    const char* runtime = std::getenv("XDG_RUNTIME_DIR");
+    if (runtime == nullptr || runtime[0] != '/') return std::nullopt;
+    return std::string(runtime) + "/corvane";
+}
+
 }  // namespace corvane

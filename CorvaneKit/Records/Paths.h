@@ -2,6 +2,7 @@
 // state; safe from any thread.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -35,5 +36,9 @@ std::string parentPath(std::string_view path);
 
 // The last component of a path ("" for "/").
 std::string lastPathComponent(std::string_view path);
+
+// $XDG_RUNTIME_DIR/corvane, where the application and the commands of one session meet; nothing
+// when the variable is unset or relative, which the base directory rules say to ignore.
+std::optional<std::string> sessionRuntimeFolder();
 
 }  // namespace corvane

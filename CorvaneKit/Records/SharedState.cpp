@@ -5,13 +5,14 @@
 #include <sstream>
 
 #include "Records/JSONCodec.h"
+#include "Records/Paths.h"
 
 namespace corvane {
 
 std::optional<std::string> SharedState::defaultURL() {
-    const char* runtime = std::getenv("XDG_RUNTIME_DIR");
-    if (runtime == nullptr || *runtime == '\0') return std::nullopt;
-    return std::string(runtime) + "/corvane/" + std::string(fileName);
+    auto folder = sessionRuntimeFolder();
+    if (!folder) return std::nullopt;
+    return *folder + "/" + std::string(fileName);
 }
 
 std::optional<SharedState> SharedState::read(const std::optional<std::string>& path) {
