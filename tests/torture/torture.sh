@@ -39,7 +39,9 @@ torture_once() {
     local op=$1 moment=$2 work=$3
     local target=$work/Data
     [[ $op == remove-lock ]] && target=$work/Data.corvlock
+    # Made here, so that counting its lines cannot run ahead of the command's redirection.
     local errors=$work/progress
+    : > "$errors"
     printf '%s\n' "$password" | "$corvane" --password-stdin "$op" $([[ $op == remove-lock ]] && echo --yes) "$target" > /dev/null 2> "$errors" &
     local pid=$!
     case $moment in
