@@ -13,7 +13,6 @@
 #include <QTimer>
 #include <cerrno>
 #include <chrono>
-#include <cstdlib>
 #include <cstring>
 #include <thread>
 

@@ -4,7 +4,6 @@
 // opened, which means unlocked. Takes neither the support directory nor the keyring: the
 // application does the work.
 #include <fcntl.h>
-#include <signal.h>
 #include <spawn.h>
 #include <sys/socket.h>
 #include <sys/stat.h>

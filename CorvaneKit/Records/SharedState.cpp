@@ -1,6 +1,5 @@
 #include "Records/SharedState.h"
 
-#include <cstdlib>
 #include <fstream>
 #include <sstream>
 
