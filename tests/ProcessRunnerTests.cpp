@@ -64,6 +64,13 @@ TEST(ProcessRunner, ReportsOutputAndStatus) {
         {"invalid UTF-8 replaced", sh("printf '\\377abc'"), {}, "\uFFFDabc", 0},
         // With SIGPIPE still ignored in the child, yes would complain about a broken pipe.
         {"child has the default SIGPIPE", sh("yes | head -n1"), {}, "y\n", 0},
+        // A Ctrl-C can reach the child before it leaves the terminal's group; the user's Cancel
+        // ends it, never the signal.
+        {"terminal signals stay blocked",
+         sh("kill -INT $$; kill -HUP $$; kill -QUIT $$; echo on"),
+         {},
+         "on\n",
+         0},
     };
     for (const auto& c : cases) {
         // The time limit turns a hang into a failure.

@@ -2,6 +2,8 @@
 
 #include <signal.h>
 
+#include <initializer_list>
+
 extern char** environ;
 
 namespace corvane {
@@ -22,6 +24,13 @@ ChildSpawn::ChildSpawn(short flags) {
 ChildSpawn::~ChildSpawn() {
     posix_spawn_file_actions_destroy(&actions_);
     posix_spawnattr_destroy(&attributes_);
+}
+
+void ChildSpawn::keepTerminalSignalsBlocked() {
+    sigset_t blocked;
+    sigemptyset(&blocked);
+    for (int signal : {SIGINT, SIGQUIT, SIGHUP}) sigaddset(&blocked, signal);
+    posix_spawnattr_setsigmask(&attributes_, &blocked);
 }
 
 int ChildSpawn::start(pid_t& child, const char* program, char* const argv[]) {

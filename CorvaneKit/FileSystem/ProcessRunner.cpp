@@ -104,6 +104,7 @@ pid_t spawn(const std::string& executablePath, const std::vector<std::string>& a
 
     // Its own process group, so a Ctrl-C at the terminal reaches the user's Cancel, not the tool.
     ChildSpawn spawn(POSIX_SPAWN_SETPGROUP);
+    spawn.keepTerminalSignalsBlocked();
     posix_spawn_file_actions_adddup2(spawn.actions(), input, STDIN_FILENO);
     posix_spawn_file_actions_adddup2(spawn.actions(), output, STDOUT_FILENO);
     posix_spawn_file_actions_adddup2(spawn.actions(), output, STDERR_FILENO);
