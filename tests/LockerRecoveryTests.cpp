@@ -227,18 +227,90 @@ INSTANTIATE_TEST_SUITE_P(, LockerRecoveryInterruptedTest, ::testing::ValuesIn(kI
                                                       : kCauseNames[int(info.param.cause)]);
                          });
 
-TEST_F(LockerRecoveryTest, AnOriginalChangedAfterTheLockIsKept) {
-    Locker locker = makeLocker();
-    crashLocking(locker, CrashPoint::lockAfterRename);
-    // Two seconds later than the lock: past the second of grace for its rounded time.
-    std::this_thread::sleep_for(std::chrono::milliseconds(2100));
-    writeFile(home + "/Taxes/2024/deep/new.txt", "written after the lock");
+// A save that lands after a crash at the point of no return, however soon and whatever time it
+// leaves behind, keeps the original next to the locked copy.
+TEST_F(LockerRecoveryTest, ASaveAfterACrashKeepsTheOriginal) {
+    using Save = testing::LockerFixture::Save;
+    struct Row {
+        const char* what;
+        CrashPoint point;
+        Save save;
+        bool nameTaken = false;
+    };
+    const Row rows[] = {
+        {"an addition at once", CrashPoint::lockAfterRename, Save::append},
+        {"a rewrite with its time put back", CrashPoint::lockAfterRename, Save::rewriteKeepingTime},
+        {"an addition to the original moved aside", CrashPoint::lockAfterRenameToDeleting,
+         Save::append},
+        {"a file of it held open for writing", CrashPoint::lockAfterRenameToDeleting,
+         Save::holdForWriting},
+        {"an addition, and its name taken by a new folder", CrashPoint::lockAfterRenameToDeleting,
+         Save::append, true},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        std::filesystem::remove_all(home);
+        std::filesystem::remove_all(support);
+        makeSample(home + "/Taxes");
+        Locker locker = makeLocker();
+        crashLocking(locker, row.point);
+        const std::string aside =
+            row.point == CrashPoint::lockAfterRename
+                ? home + "/Taxes"
+                : home + "/.corvane-" + locker.journal.load().at(0).id.string() + ".deleting";
+        save(row.save, aside + "/notes 日本.txt");
+        if (row.nameTaken) writeFile(home + "/Taxes/new.txt", "new");
 
-    EXPECT_EQ(locker.recover(), RecoveryReport{.keptChangedOriginals = 1});
-    expectSettled(locker, {"Taxes", "Taxes.corvlock"});
-    EXPECT_EQ(testing::readFile(home + "/Taxes/2024/deep/new.txt"), "written after the lock");
-    ASSERT_EQ(locker.index.load().size(), 1u);
-    EXPECT_EQ(locker.index.load()[0].stage, LockedItem::Stage::complete);
+        EXPECT_EQ(locker.recover(), RecoveryReport{.keptChangedOriginals = 1});
+        const std::string kept = home + (row.nameTaken ? "/Taxes (original)" : "/Taxes");
+        expectSettled(locker, row.nameTaken ? Names{"Taxes", "Taxes (original)", "Taxes.corvlock"}
+                                            : Names{"Taxes", "Taxes.corvlock"});
+        EXPECT_EQ(testing::readFile(kept + "/notes 日本.txt"), saved(row.save, "notes"));
+        if (row.nameTaken) {
+            EXPECT_EQ(testing::readFile(home + "/Taxes/new.txt"), "new");
+        }
+        auto items = locker.index.load();
+        ASSERT_EQ(items.size(), 1u);
+        EXPECT_EQ(items[0].stage, LockedItem::Stage::complete);
+        closeHeldFiles();
+    }
+}
+
+// An entry, damaged or crafted, that names what its operation would not have made: nothing is
+// removed, and the entry waits, reported.
+TEST_F(LockerRecoveryTest, RecoveryRemovesOnlyWhatItsEntryMade) {
+    const Uuid id = Uuid::random();
+    const std::string hidden = "/.corvane-" + id.string();
+    for (const std::string& folder : {home + "/Precious", home + hidden + ".partial.sparsebundle",
+                                      home + "/elsewhere" + hidden + ".partial.sparsebundle"})
+        makeSample(folder);
+    auto entry = [&](JournalEntry::Kind kind, std::string original, std::string partial,
+                     std::optional<std::string> deleting = std::nullopt) {
+        return JournalEntry{id,           kind,         home + original,     home + partial, "",
+                            std::nullopt, std::nullopt, std::move(deleting), std::nullopt};
+    };
+    using Kind = JournalEntry::Kind;
+    const JournalEntry entries[] = {
+        entry(Kind::lock, "/Taxes", "/Precious"),
+        entry(Kind::lock, "/Taxes", hidden + ".partial.sparsebundle"),  // a folder, not an image
+        entry(Kind::lock, "/Taxes", "/elsewhere" + hidden + ".partial.sparsebundle"),
+        entry(Kind::lock, "/Taxes", hidden + ".partial.sparsebundle", home + "/Precious"),
+        entry(Kind::restore, "/Taxes.corvlock", "/Precious"),
+    };
+    const Names before = listing(home);
+    for (const auto& crafted : entries) {
+        SCOPED_TRACE(crafted.partialPath);
+        Locker locker = makeLocker();
+        locker.journal.add(crafted);
+        EXPECT_EQ(locker.recover(), RecoveryReport{.keptForLater = 1});
+        EXPECT_EQ(locker.journal.load(), std::vector<JournalEntry>{crafted});
+        EXPECT_EQ(listing(home), before);
+        for (const std::string& folder :
+             {home + "/Precious", home + "/Taxes", home + hidden + ".partial.sparsebundle",
+              home + "/elsewhere" + hidden + ".partial.sparsebundle"})
+            EXPECT_TRUE(sameAsPristine(folder)) << folder;
+        locker.journal.remove(id);
+    }
 }
 
 TEST_F(LockerRecoveryTest, StaleMountsCloseKnownOnesStayAndUnreachableWorkWaits) {
@@ -255,10 +327,15 @@ TEST_F(LockerRecoveryTest, StaleMountsCloseKnownOnesStayAndUnreachableWorkWaits)
     std::filesystem::create_directories(locker.mountsRoot + "/empty leftover");
     // Work in a folder that is not there now, as on a drive that is not connected.
     const std::string away = "/nonexistent-drive/";
-    const JournalEntry waiting{Uuid::random(),         JournalEntry::Kind::lock,
-                               away + "Work",          away + ".corvane-x.partial.sparsebundle",
-                               away + "Work.corvlock", std::nullopt,
-                               std::nullopt,           std::nullopt};
+    const JournalEntry waiting{Uuid::random(),
+                               JournalEntry::Kind::lock,
+                               away + "Work",
+                               away + ".corvane-x.partial.sparsebundle",
+                               away + "Work.corvlock",
+                               std::nullopt,
+                               std::nullopt,
+                               std::nullopt,
+                               std::nullopt};
     locker.journal.add(waiting);
 
     EXPECT_EQ(locker.recover(), (RecoveryReport{.detachedStale = 1, .keptForLater = 1}));

@@ -33,6 +33,7 @@ using Names = std::vector<std::string>;
 const std::string kPassword = "locker safety password";
 
 using LockerSafetyTest = testing::LockerFixture;
+using Save = testing::LockerFixture::Save;
 
 TEST_F(LockerSafetyTest, FolderSwappedForALinkMidwayLosesNothing) {
     const std::string project = home + "/shared/proj", victim = home + "/victim";
@@ -42,35 +43,17 @@ TEST_F(LockerSafetyTest, FolderSwappedForALinkMidwayLosesNothing) {
     Locker locker = makeLocker();
 
     // As soon as the locked item appears, someone with write access above swaps the folder.
-    int watch = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
-    ASSERT_GE(inotify_add_watch(watch, project.c_str(), IN_MOVED_TO), 0);
-    std::atomic<bool> swapped{false};
-    std::jthread swapper([&](std::stop_token stop) {
-        alignas(inotify_event) char buffer[4096];
-        while (!swapped && !stop.stop_requested()) {
-            pollfd ready{watch, POLLIN, 0};
-            ssize_t n = poll(&ready, 1, 50) == 1 ? read(watch, buffer, sizeof buffer) : 0;
-            for (char* at = buffer; at < buffer + std::max<ssize_t>(n, 0);) {
-                auto* event = reinterpret_cast<inotify_event*>(at);
-                if (event->len && std::string(event->name) == "Taxes.corvlock") {
-                    std::filesystem::rename(project, project + ".old");
-                    std::filesystem::create_directory_symlink(victim, project);
-                    swapped = true;
-                }
-                at += sizeof(inotify_event) + event->len;
-            }
-        }
+    testing::NameWatcher swapper(project, "Taxes.corvlock", [&] {
+        std::filesystem::rename(project, project + ".old");
+        std::filesystem::create_directory_symlink(victim, project);
     });
+    bool swapped = false;
     locker.flushVolume = [&](const Folder& folder) {
-        for (int i = 0; i < 1000 && !swapped; ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        swapped = swapper.waitUntilDone();
         folder.synchronize();
     };
 
     auto error = errorFrom([&] { locker.lock(project + "/Taxes", kPassword, 1); });
-    swapper.request_stop();
-    swapper.join();
-    close(watch);
     ASSERT_TRUE(swapped);
     ASSERT_TRUE(error);
     EXPECT_TRUE(*error == CorvaneError::lockedButOriginalRemains("Taxes"))
@@ -78,6 +61,56 @@ TEST_F(LockerSafetyTest, FolderSwappedForALinkMidwayLosesNothing) {
     EXPECT_TRUE(sameAsPristine(victim + "/Taxes")) << "the other folder was touched";
     EXPECT_TRUE(sameAsPristine(project + ".old/Taxes")) << "the original went unconfirmed";
     EXPECT_EQ(listing(project + ".old"), (Names{"Taxes", "Taxes.corvlock"}));
+}
+
+// A program that saves into the item after its copy was proven, while the copy is checked or the
+// instant the locked item appears, finds its save where it left it: the lock is taken back.
+TEST_F(LockerSafetyTest, ASaveAfterTheCopyIsProvenIsNeverDeleted) {
+    writeFile(home + "/report.txt", "report v1");
+    struct Row {
+        const char* what;
+        bool file;
+        bool whileChecking;
+        Save save;
+    };
+    const Row rows[] = {
+        {"an addition to a file inside, as the lock appears", false, false, Save::append},
+        {"a file inside rewritten, its time put back, as the lock appears", false, false,
+         Save::rewriteKeepingTime},
+        {"a file inside held open for writing, as the lock appears", false, false,
+         Save::holdForWriting},
+        {"the file rewritten, its time put back, while it is checked", true, true,
+         Save::rewriteKeepingTime},
+        {"the file rewritten, its time put back, as the lock appears", true, false,
+         Save::rewriteKeepingTime},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        const std::string item = home + (row.file ? "/report.txt" : "/Taxes");
+        const std::string target = row.file ? item : item + "/notes 日本.txt";
+        const std::string expected = saved(row.save, readFile(target));
+        Locker locker = makeLocker();
+        std::optional<testing::NameWatcher> watcher;
+        if (row.whileChecking)
+            locker.afterVerify = [&] { save(row.save, target); };
+        else
+            watcher.emplace(home, row.file ? "report.corvlock" : "Taxes.corvlock",
+                            [&] { save(row.save, target); });
+        locker.flushVolume = [&](const Folder& folder) {
+            if (watcher) {
+                EXPECT_TRUE(watcher->waitUntilDone());
+            }
+            folder.synchronize();
+        };
+
+        auto error = errorFrom([&] { locker.lock(item, kPassword, 1); });
+        ASSERT_TRUE(error);
+        EXPECT_EQ(error->errorCase(), CorvaneError::Case::changedWhileLocking)
+            << error->errorDescription();
+        EXPECT_EQ(readFile(target), expected);
+        expectSettled(locker, {"Taxes", "report.txt"}, std::vector<LockedItem>{});
+        closeHeldFiles();
+    }
 }
 
 TEST_F(LockerSafetyTest, DotDotGoesWhereTheKernelGoes) {

@@ -79,6 +79,8 @@ std::vector<JournalEntry> goldenEntries() {
     full.lockedIdentity = FileIdentity{1234567, 1740820500, 250000000};
     full.lockedAt = date("2025-03-01T10:15:00+01:00");
     full.deletingPath = "/home/ana/Documents/.Grüße.corvane-deleting";
+    full.originalFacts = OriginalFacts{
+        "9f86d081884c7d659a2feaa0c55ad015a3bf4f1b2b0b822cd15d6c15b0f00a08", 1740820500250000000};
 
     JournalEntry minimal;
     minimal.id = uuid("5E6F7081-92A3-44B5-86C7-D8E9FA0B1C2D");
@@ -265,6 +267,11 @@ TEST(JSONCodec, UndecodableRecordFilesAreSetAsideNotDeleted) {
         {"identity not object", entry([](auto& r) { r["lockedIdentity"] = 1234567; })},
         {"negative inode", entry([](auto& r) { r["lockedIdentity"]["inode"] = -1; })},
         {"path as array", entry([](auto& r) { r["finalPath"] = nlohmann::json::array({"/a"}); })},
+        {"facts digest upper-case",
+         entry([](auto& r) { r["originalFacts"]["digest"] = std::string(64, 'A'); })},
+        {"facts digest short", entry([](auto& r) { r["originalFacts"]["digest"] = "9f86"; })},
+        {"facts time as text",
+         entry([](auto& r) { r["originalFacts"]["itemChangedNanoseconds"] = "1"; })},
     };
     for (const char* key : {"id", "kind", "originalPath", "partialPath", "finalPath"})
         entries.emplace_back(std::string("missing ") + key, entry([&](auto& r) { r.erase(key); }));
@@ -492,7 +499,7 @@ TEST(OperationJournal, AddKeepsOneEntryPerIdAndPutsItLast) {
     journal.remove(a.id);
     journal.add(bare);
     auto written = nlohmann::json::parse(readFile(journal.fileURL()));
-    for (const char* key : {"lockedIdentity", "lockedAt", "deletingPath"})
+    for (const char* key : {"lockedIdentity", "lockedAt", "deletingPath", "originalFacts"})
         EXPECT_FALSE(written[0].contains(key)) << key;
     EXPECT_EQ(journal.load(), std::vector<JournalEntry>{bare});
 }

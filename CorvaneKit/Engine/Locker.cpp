@@ -2,18 +2,22 @@
 #include "Engine/Locker.h"
 
 #include <fcntl.h>
+#include <openssl/evp.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
+#include <memory>
 #include <stdexcept>
 #include <system_error>
 
 #include "FileSystem/ExtensionTypes.h"
 #include "FileSystem/FileWalk.h"
 #include "FileSystem/ItemFacts.h"
+#include "FileSystem/OpenFiles.h"
 #include "FileSystem/VolumeLayout.h"
 #include "Records/Characters.h"
 #include "Records/JSONCodec.h"
@@ -82,6 +86,28 @@ std::string Locker::availableLockedURL(const std::string& base, const std::strin
     return candidate;
 }
 
+std::string Locker::availableName(const std::string& name, const std::string& directory,
+                                  const std::string& word) {
+    // A name is at most 255 bytes: the base gives way, whole characters at a time, so that the
+    // extension and the word stay.
+    constexpr std::size_t longestName = 255, longestKeptExtension = 32;
+    std::string extension = pathExtension(name);
+    if (extension.size() > longestKeptExtension) extension.clear();
+    std::string base =
+        extension.empty() ? name : name.substr(0, name.size() - extension.size() - 1);
+    std::string suffix = extension.empty() ? "" : "." + extension;
+    for (int n = 0;; ++n) {
+        std::string insert = n == 0   ? ""
+                             : n == 1 ? " (" + word + ")"
+                                      : " (" + word + " " + std::to_string(n) + ")";
+        std::string candidate =
+            directory + "/" +
+            Characters::prefix(base, longestName - insert.size() - suffix.size()) + insert + suffix;
+        struct stat status {};
+        if (lstat(candidate.c_str(), &status) != 0) return candidate;
+    }
+}
+
 std::string Locker::volumeName(const std::string& name) {
     return shortenedBelow(name, 64);
 }
@@ -131,24 +157,103 @@ bool Locker::hasDenyDeleteACL(const std::string&) {
     return false;  // POSIX access lists have no deny entries
 }
 
-Locker::Snapshot Locker::metadataSnapshot(const std::string& path) {
-    auto metadata = [](const struct stat& status) {
-        return EntryMetadata{static_cast<mode_t>(status.st_mode & S_IFMT),
-                             static_cast<std::int64_t>(status.st_size),
-                             static_cast<std::int64_t>(status.st_mtim.tv_sec) * 1'000'000'000 +
-                                 status.st_mtim.tv_nsec};
+Locker::EntryMetadata Locker::metadataOf(const struct stat& status) {
+    auto nanoseconds = [](const struct timespec& time) {
+        return static_cast<std::int64_t>(time.tv_sec) * 1'000'000'000 + time.tv_nsec;
     };
+    return EntryMetadata{static_cast<mode_t>(status.st_mode & S_IFMT),
+                         static_cast<std::int64_t>(status.st_size), nanoseconds(status.st_mtim),
+                         nanoseconds(status.st_ctim), static_cast<std::uint64_t>(status.st_ino)};
+}
+
+Locker::Snapshot Locker::metadataSnapshot(const std::string& path) {
     Snapshot snapshot;
     struct stat item {};
     if (lstat(path.c_str(), &item) != 0) throwErrno(errno, path);
-    snapshot[""] = metadata(item);
+    snapshot[""] = metadataOf(item);
     if (S_ISDIR(item.st_mode)) {
         FileWalk::walk(path, [&](const FileWalk::Entry& entry) {
-            snapshot[entry.relativePath] = entry.problem ? EntryMetadata{} : metadata(entry.info);
+            snapshot[entry.relativePath] = entry.problem ? EntryMetadata{} : metadataOf(entry.info);
             return FileWalk::Next::descend;
         });
     }
     return snapshot;
+}
+
+OriginalFacts Locker::factsOf(const Snapshot& snapshot) {
+    std::unique_ptr<EVP_MD_CTX, void (*)(EVP_MD_CTX*)> context(EVP_MD_CTX_new(), EVP_MD_CTX_free);
+    if (!context || EVP_DigestInit_ex(context.get(), EVP_sha256(), nullptr) != 1)
+        throw std::runtime_error("SHA-256 is not available");
+    OriginalFacts facts;
+    for (const auto& [path, metadata] : snapshot) {
+        auto number = [](const auto& value) {
+            return value ? std::to_string(*value) : std::string("-");
+        };
+        std::optional<std::int64_t> changed = metadata.changedNanoseconds;
+        if (path.empty()) {
+            facts.itemChangedNanoseconds = changed.value_or(0);
+            changed.reset();
+        }
+        // The path ends at its NUL, which no name holds; the numbers follow as text.
+        std::string line = path;
+        line += '\0';
+        line += std::to_string(metadata.type) + " " + number(metadata.size) + " " +
+                number(metadata.modifiedNanoseconds) + " " + number(changed) + " " +
+                number(metadata.inode) + "\n";
+        EVP_DigestUpdate(context.get(), line.data(), line.size());
+    }
+    unsigned char sum[EVP_MAX_MD_SIZE];
+    unsigned int length = 0;
+    EVP_DigestFinal_ex(context.get(), sum, &length);
+    static constexpr char digits[] = "0123456789abcdef";
+    for (unsigned int i = 0; i < length; ++i) {
+        facts.digest += digits[sum[i] >> 4];
+        facts.digest += digits[sum[i] & 0xf];
+    }
+    return facts;
+}
+
+bool Locker::unchangedSinceCopy(const Folder& folder, const std::string& name,
+                                const OriginalFacts& facts) {
+    // A writer still holding a file could write after the look; one that cannot be ruled out
+    // counts as one.
+    Holders holders =
+        OpenFiles::holdersFromProc((folder.path() == "/" ? "" : folder.path()) + "/" + name);
+    if (!holders.isKnown || std::any_of(holders.list.begin(), holders.list.end(),
+                                        [](const Holder& holder) { return holder.isWriter; }))
+        return false;
+    try {
+        return factsOf(metadataSnapshot(folder.anchored(name))).digest == facts.digest;
+    } catch (...) {
+        return false;  // what cannot be read cannot be shown unchanged
+    }
+}
+
+std::string Locker::keepOriginal(const Folder& folder, const std::string& movedName,
+                                 const std::string& name) {
+    try {
+        folder.renameExclusively(movedName, name);
+        return name;
+    } catch (const std::system_error& error) {
+        if (error.code() != std::errc::file_exists) throw;
+    }
+    // A program saved under the name meanwhile: both stay, the original beside it.
+    std::string kept = lastPathComponent(availableName(name, folder.path(), "original"));
+    folder.renameExclusively(movedName, kept);
+    return kept;
+}
+
+void Locker::undoVisibleLock(const Folder& folder, const JournalEntry& entry,
+                             const std::string& finalName, const std::string& mountPoint) const {
+    // Only the very image this lock made goes, by way of its partial name, which recovery
+    // removes should this stop halfway.
+    if (!entry.lockedIdentity ||
+        FileIdentity::of(folder.anchored(finalName)) != entry.lockedIdentity)
+        throw std::runtime_error("the locked item was replaced");
+    const std::string partialName = lastPathComponent(entry.partialPath);
+    folder.renameExclusively(finalName, partialName);
+    index.remove(entry.id);
+    abandon(mountPoint, folder, partialName, entry.id);
 }
 
 std::string Locker::itemName(const std::optional<ItemMarker>& marker,

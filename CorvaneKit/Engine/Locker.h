@@ -28,6 +28,7 @@
 #include "Records/ItemIndex.h"
 #include "Records/ItemMarker.h"
 #include "Records/OperationJournal.h"
+#include "Records/OriginalFacts.h"
 #include "Records/StoredSecret.h"
 
 namespace corvane {
@@ -39,11 +40,14 @@ public:
     // checks. Called on the thread that runs the operation.
     using BytesProgress = std::function<void(std::int64_t done, std::int64_t total)>;
 
-    // What is compared before and after the copy to notice an item that changed meanwhile.
+    // What is compared before and after the copy to notice an item that changed meanwhile. A
+    // program can put a modification time back; the inode and the status-change time it cannot.
     struct EntryMetadata {
         mode_t type = 0;  // S_IFMT bits; 0 when unknown
         std::optional<std::int64_t> size;
         std::optional<std::int64_t> modifiedNanoseconds;
+        std::optional<std::int64_t> changedNanoseconds;
+        std::optional<std::uint64_t> inode;
         bool operator==(const EntryMetadata&) const = default;
     };
     using Snapshot = std::map<std::string, EntryMetadata>;  // "" is the item itself
@@ -128,7 +132,18 @@ public:
 
     static std::int64_t contentLogicalSize(const std::string& mount, LockedItem::Kind kind,
                                            const std::string& name);
+    static EntryMetadata metadataOf(const struct stat& status);
     static Snapshot metadataSnapshot(const std::string& path);
+    static OriginalFacts factsOf(const Snapshot& snapshot);
+    // The last look before an original moved aside as `name` in `folder` is deleted: true only
+    // when no process holds a file of it open for writing and every entry still has `facts`
+    // (all but the item's own status-change time, which the move set).
+    static bool unchangedSinceCopy(const Folder& folder, const std::string& name,
+                                   const OriginalFacts& facts);
+    // A free name beside `name` in `directory`: `name` itself, else with " (" + word + ")", then
+    // " (" + word + " 2)" and so on before the extension, within the 255 bytes of a name.
+    static std::string availableName(const std::string& name, const std::string& directory,
+                                     const std::string& word);
 
     // Naming.
     static std::string lockedBaseName(const std::string& name, bool isFileOrPackage);
@@ -155,6 +170,14 @@ private:
     static std::string lockedItemPath(const std::string& path);
 
     void recoverLock(JournalEntry entry, RecoveryReport& report) const;
+    // Gives an original that changed back its name, or, when that is taken, a free one beside
+    // it; the locked copy stays. Returns the name it now has.
+    static std::string keepOriginal(const Folder& folder, const std::string& movedName,
+                                    const std::string& name);
+    // Takes back a lock whose item became visible but whose original changed before it could
+    // go: the image returns to its partial name and is removed with its record and entry.
+    void undoVisibleLock(const Folder& folder, const JournalEntry& entry,
+                         const std::string& finalName, const std::string& mountPoint) const;
     void recoverRestore(const JournalEntry& entry, RecoveryReport& report) const;
     // Closes by force whatever an operation with this id left attached, and its mount point.
     void closeMountOf(const Uuid& id) const;

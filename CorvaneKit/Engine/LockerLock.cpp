@@ -239,7 +239,8 @@ LockedItem Locker::lock(const std::string& path, const std::string& password,
     JournalEntry entry{id,           JournalEntry::Kind::lock,
                        item,         partialURL,
                        finalURL,     std::nullopt,
-                       std::nullopt, std::nullopt};
+                       std::nullopt, std::nullopt,
+                       std::nullopt};
     journal.add(entry);
 
     Snapshot before;
@@ -294,6 +295,7 @@ LockedItem Locker::lock(const std::string& path, const std::string& password,
         report(LockStep::removingOriginal);
         entry.lockedIdentity = FileIdentity::of(parent.anchored(partialName));
         entry.lockedAt = DateFormat::roundedToSecond(std::chrono::system_clock::now());
+        entry.originalFacts = factsOf(before);
         journal.add(entry);
         crashIf(CrashPoint::lockBeforeRename);
 
@@ -313,8 +315,9 @@ LockedItem Locker::lock(const std::string& path, const std::string& password,
                       generation, LockedItem::Stage::originalPending,
                       item,       contentSize};
 
-    // The locked item is visible: nothing is undone from here on, and the journal entry stays
-    // until the original is gone so that recovery can finish the removal.
+    // The locked item is visible: only a change to the original undoes anything from here on,
+    // and the journal entry stays until the original is gone so that recovery can finish.
+    bool changed = false, gone = false;
     try {
         // Through the folder held open: its path may lead elsewhere by now.
         if (auto identity = FileIdentity::of(parent.anchored(finalName)))
@@ -331,18 +334,40 @@ LockedItem Locker::lock(const std::string& path, const std::string& password,
         // original there is the one that was copied and verified.
         parent.confirmIdentity();
         struct stat now {};
-        if (!parent.status(name, now) || now.st_ino != itemStatus.st_ino ||
-            now.st_dev != itemStatus.st_dev)
-            throw std::runtime_error("the original was replaced");
-        parent.renameExclusively(name, deletingName);
-        crashIf(CrashPoint::lockAfterRenameToDeleting);
+        gone = !parent.status(name, now);
+        changed = !gone && (now.st_dev != itemStatus.st_dev || metadataOf(now) != before.at(""));
+        if (!changed && !gone) {
+            parent.renameExclusively(name, deletingName);
+            crashIf(CrashPoint::lockAfterRenameToDeleting);
+        }
     } catch (const SimulatedCrash&) {
         throw;
     } catch (...) {
         throw CorvaneError::lockedButOriginalRemains(name);
     }
+
+    // The last look, now that no program can find the original by its name: whatever was saved
+    // into it since the copy was proven is not deleted with it.
+    if (!gone && (changed || !unchangedSinceCopy(parent, deletingName, *entry.originalFacts))) {
+        std::string keptName = name;
+        try {
+            if (!changed) keptName = keepOriginal(parent, deletingName, name);
+        } catch (...) {
+            // It stays aside; recovery looks again and keeps it.
+            throw CorvaneError::lockedButOriginalRemains(name);
+        }
+        // A program took the name meanwhile: the locked copy stays, and recovery, finding the
+        // name holding something else, reports the original kept beside it.
+        if (keptName != name) throw CorvaneError::lockedButOriginalRemains(name);
+        try {
+            undoVisibleLock(parent, entry, finalName, mountPoint);
+        } catch (...) {
+            throw CorvaneError::lockedButOriginalRemains(name);
+        }
+        throw CorvaneError::changedWhileLocking();
+    }
     try {
-        deleteRenamedOriginal(parent, deletingName);
+        if (!gone) deleteRenamedOriginal(parent, deletingName);
     } catch (...) {
         throw CorvaneError::lockedButRemovalUnfinished(name);
     }

@@ -46,35 +46,8 @@ bool exists(const std::string& path) {
     return !path.empty() && lstat(path.c_str(), &status) == 0;
 }
 
-// Whether anything in the tree at `path` was modified or changed status after `since` plus the
-// one second that rounding `since` to whole seconds may have taken away.
-bool changedSince(const std::string& path, Date since) {
-    auto limit = since + std::chrono::seconds(1);
-    auto later = [&](const struct stat& status) {
-        auto at = [](const struct timespec& time) {
-            return std::chrono::sys_seconds(std::chrono::seconds(time.tv_sec)) +
-                   std::chrono::nanoseconds(time.tv_nsec);
-        };
-        return at(status.st_mtim) > limit || at(status.st_ctim) > limit;
-    };
-    struct stat root {};
-    if (lstat(path.c_str(), &root) != 0 || later(root)) return true;
-    if (!S_ISDIR(root.st_mode)) return false;
-    bool changed = false;
-    struct Stop {};
-    try {
-        FileWalk::walk(path, [&](const FileWalk::Entry& entry) {
-            if (entry.problem || later(entry.info)) {
-                changed = true;  // what cannot be read cannot be shown unchanged
-                throw Stop{};
-            }
-            return FileWalk::Next::descend;
-        });
-    } catch (const Stop&) {
-    } catch (const FileWalk::WalkError&) {
-        changed = true;
-    }
-    return changed;
+std::string beside(const std::string& folder, const std::string& name) {
+    return (folder == "/" ? "" : folder) + "/" + name;
 }
 
 std::string commandLineOf(const std::string& pid) {
@@ -124,6 +97,13 @@ void Locker::recoverLock(JournalEntry entry, RecoveryReport& report) const {
     if (!exists(parentPath)) return void(++report.keptForLater);
     const Folder parent(parentPath);
     const std::string name = lastPathComponent(entry.originalPath);
+    const std::string partialName = ".corvane-" + entry.id.string() + ".partial.sparsebundle";
+    const std::string deletingName = ".corvane-" + entry.id.string() + ".deleting";
+    // Only what this entry made is ever removed: its own names, beside its original. An entry
+    // that names anything else is left as it is, and reported until someone looks.
+    if (entry.partialPath != beside(parentPath, partialName) ||
+        (entry.deletingPath && *entry.deletingPath != beside(parentPath, deletingName)))
+        return void(++report.keptForLater);
     auto records = index.load();
     auto record = std::find_if(records.begin(), records.end(),
                                [&](const LockedItem& item) { return item.id == entry.id; });
@@ -132,31 +112,51 @@ void Locker::recoverLock(JournalEntry entry, RecoveryReport& report) const {
                     FileIdentity::of(entry.finalPath) == entry.lockedIdentity;
     if (!complete) {
         // The lock never produced its item: the original is the only copy and stays as it is.
-        if (exists(entry.partialPath)) parent.removeOwnedTree(lastPathComponent(entry.partialPath));
+        if (parent.contains(partialName)) {
+            if (!tool->isImage(parent.descriptor(), partialName))
+                return void(++report.keptForLater);
+            parent.removeOwnedTree(partialName);
+        }
+        if (parent.contains(deletingName)) keepOriginal(parent, deletingName, name);
         if (record != records.end()) index.remove(entry.id);
         journal.remove(entry.id);
         return void(++report.discardedLocks);
     }
+    const std::string finalName = lastPathComponent(entry.finalPath);
+    if (entry.finalPath != beside(parentPath, finalName) || !finalName.ends_with(".corvlock") ||
+        !tool->isImage(parent.descriptor(), finalName))
+        return void(++report.keptForLater);
 
     struct stat status {};
-    const bool isFile =
-        (lstat(entry.originalPath.c_str(), &status) == 0 ||
-         (entry.deletingPath && lstat(entry.deletingPath->c_str(), &status) == 0)) &&
-        !S_ISDIR(status.st_mode);
+    const bool isFile = (parent.status(name, status) || parent.status(deletingName, status)) &&
+                        !S_ISDIR(status.st_mode);
+    // An original goes only while it still has the facts it had before the copy: what was saved
+    // into it since, even with its modification time put back, keeps it next to the locked copy.
     bool kept = false;
-    if (entry.deletingPath && exists(*entry.deletingPath))
-        parent.removeOwnedTree(lastPathComponent(*entry.deletingPath));
-    if (exists(entry.originalPath)) {
-        if (!entry.lockedAt || changedSince(entry.originalPath, *entry.lockedAt)) {
+    if (parent.contains(deletingName)) {
+        if (entry.originalFacts && unchangedSinceCopy(parent, deletingName, *entry.originalFacts)) {
+            deleteRenamedOriginal(parent, deletingName);
+        } else {
+            keepOriginal(parent, deletingName, name);
+            kept = true;
+        }
+    }
+    if (!kept && parent.contains(name)) {
+        if (!entry.originalFacts ||
+            factsOf(metadataSnapshot(parent.anchored(name))) != *entry.originalFacts) {
             kept = true;
         } else {
             flushVolume(parent);
-            const std::string deletingName = ".corvane-" + entry.id.string() + ".deleting";
-            entry.deletingPath = parentPath + "/" + deletingName;
+            entry.deletingPath = beside(parentPath, deletingName);
             journal.add(entry);
             parent.confirmIdentity();
             parent.renameExclusively(name, deletingName);
-            deleteRenamedOriginal(parent, deletingName);
+            if (unchangedSinceCopy(parent, deletingName, *entry.originalFacts)) {
+                deleteRenamedOriginal(parent, deletingName);
+            } else {
+                keepOriginal(parent, deletingName, name);
+                kept = true;
+            }
         }
     }
 
@@ -187,10 +187,16 @@ void Locker::recoverRestore(const JournalEntry& entry, RecoveryReport& report) c
     const Folder parent(parentPath);
     const std::string lockedName = lastPathComponent(entry.originalPath);
     const std::string deletingName = ".corvane-" + entry.id.string() + ".deleting";
+    const std::string stagingName = ".corvane-" + entry.id.string() + ".restoring";
     const bool restored = !entry.finalPath.empty() && entry.lockedIdentity &&
                           FileIdentity::of(entry.finalPath) == entry.lockedIdentity;
+    // As for a lock: only this entry's own names go, and only a locked image is ever deleted.
+    if (entry.partialPath != beside(parentPath, stagingName) ||
+        !lockedName.ends_with(".corvlock") ||
+        (entry.deletingPath && *entry.deletingPath != beside(parentPath, deletingName)))
+        return void(++report.keptForLater);
 
-    if (exists(entry.partialPath)) parent.removeOwnedTree(lastPathComponent(entry.partialPath));
+    if (parent.contains(stagingName)) parent.removeOwnedTree(stagingName);
     if (!restored) {
         // The image is the only copy that counts: it goes back under its own name if it was
         // already moved aside.
@@ -200,6 +206,9 @@ void Locker::recoverRestore(const JournalEntry& entry, RecoveryReport& report) c
         return void(++report.discardedRestores);
     }
 
+    for (const std::string& image : {lockedName, deletingName})
+        if (parent.contains(image) && !tool->isImage(parent.descriptor(), image))
+            return void(++report.keptForLater);
     auto records = index.load();
     if (parent.contains(lockedName)) {
         flushVolume(parent);

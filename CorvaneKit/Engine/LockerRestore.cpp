@@ -36,11 +36,6 @@ namespace corvane {
 
 namespace {
 
-bool exists(const std::string& path) {
-    struct stat status {};
-    return lstat(path.c_str(), &status) == 0;
-}
-
 // A locked file's volume holds the file and the volume's own entries. Anything else was added
 // while it was open and has no place to go: it would be lost with the image.
 void refuseAnythingButTheFile(const std::string& volume, const std::string& name) {
@@ -86,23 +81,7 @@ void takeTopFolderAttributes(const Folder& parent, const std::string& stagingNam
 }  // namespace
 
 std::string Locker::restoreDestination(const std::string& name, const std::string& directory) {
-    // A name is at most 255 bytes: the base gives way, whole characters at a time, so that the
-    // extension and the "(restored)" stay.
-    constexpr std::size_t longestName = 255, longestKeptExtension = 32;
-    std::string extension = pathExtension(name);
-    if (extension.size() > longestKeptExtension) extension.clear();
-    std::string base =
-        extension.empty() ? name : name.substr(0, name.size() - extension.size() - 1);
-    std::string suffix = extension.empty() ? "" : "." + extension;
-    for (int n = 0;; ++n) {
-        std::string insert = n == 0   ? ""
-                             : n == 1 ? " (restored)"
-                                      : " (restored " + std::to_string(n) + ")";
-        std::string candidate =
-            directory + "/" +
-            Characters::prefix(base, longestName - insert.size() - suffix.size()) + insert + suffix;
-        if (!exists(candidate)) return candidate;
-    }
+    return availableName(name, directory, "restored");
 }
 
 std::string Locker::removeLock(const std::string& path, const std::string& password,
@@ -130,7 +109,8 @@ std::string Locker::removeLock(const std::string& path, const std::string& passw
     JournalEntry entry{id,           JournalEntry::Kind::restore,
                        locked,       parentPath + "/" + stagingName,
                        "",           std::nullopt,
-                       std::nullopt, std::nullopt};
+                       std::nullopt, std::nullopt,
+                       std::nullopt};
     journal.add(entry);
 
     std::string destination;

@@ -49,6 +49,10 @@ void DiskImageTool::expectSuccess(const ProcessResult& result, bool passwordChec
     throw CorvaneError::diskImage(clean(result.output));
 }
 
+bool DiskImageTool::isImage(int folder, const std::string& name) const {
+    return isFolderHolding(folder, name, "Info.plist", {"Info.bckup", "bands", "token"});
+}
+
 void DiskImageTool::create(const std::string& image, const std::string& volumeName,
                            const std::string& password) const {
     if (!image.ends_with(".sparsebundle")) fatalError("disk images must be sparse bundles");

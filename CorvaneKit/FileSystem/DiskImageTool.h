@@ -26,6 +26,7 @@ public:
     void changePassword(const std::string& image, const std::string& oldPassword,
                         const std::string& newPassword) const override;
     std::vector<AttachedImage> attachedImages() const override;
+    bool isImage(int folder, const std::string& name) const override;
     // What "hdiutil info -plist" printed; anything that is not such a list throws diskImage.
     static std::vector<AttachedImage> parseAttachedImages(std::string_view output);
 

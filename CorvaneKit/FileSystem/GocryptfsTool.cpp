@@ -266,6 +266,12 @@ void GocryptfsTool::create(const std::string& image, const std::string&,
     if (result.status != 0) throw CorvaneError::diskImage(clean(result.output));
 }
 
+bool GocryptfsTool::isImage(int folder, const std::string& name) const {
+    // -init writes the configuration last; the folder it starts from is made first.
+    return isFolderHolding(folder, name, "gocryptfs.conf",
+                           {"gocryptfs.conf.tmp", "gocryptfs.diriv"});
+}
+
 void GocryptfsTool::attach(const std::string& image, const std::string& mountPoint,
                            const std::string& password, bool readOnly) const {
     requireUsable(password);

@@ -34,6 +34,7 @@ public:
     // the mount table's source where no server can be identified. Throws std::system_error
     // when the mount table cannot be read.
     std::vector<AttachedImage> attachedImages() const override;
+    bool isImage(int folder, const std::string& name) const override;
 
     // The tool's output on one line, without the complaints about a missing system log.
     static std::string clean(const std::string& output);

@@ -1,5 +1,12 @@
 #include "FileSystem/ImageTool.h"
 
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <memory>
 #include <thread>
 
 #include "Records/CorvaneError.h"
@@ -21,6 +28,27 @@ void ImageTool::detach(const std::string& mountPoint, bool force) const {
     if (!force && OpenFiles::safeToAutoEject(holders, executablePathOf))
         return forceDetach(mountPoint);
     throw CorvaneError::inUse(OpenFiles::blockingNames(holders));
+}
+
+bool ImageTool::isFolderHolding(int folder, const std::string& name, const std::string& marker,
+                                const std::vector<std::string>& unfinished) {
+    int fd = openat(folder, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) return false;
+    std::unique_ptr<DIR, int (*)(DIR*)> entries(fdopendir(fd), closedir);
+    if (!entries) {
+        close(fd);
+        return false;
+    }
+    struct stat status {};
+    if (fstatat(fd, marker.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0)
+        return S_ISREG(status.st_mode);
+    while (dirent* entry = readdir(entries.get())) {
+        std::string child = entry->d_name;
+        if (child != "." && child != ".." &&
+            std::find(unfinished.begin(), unfinished.end(), child) == unfinished.end())
+            return false;
+    }
+    return true;
 }
 
 std::string ImageTool::oneLine(const std::string& output,

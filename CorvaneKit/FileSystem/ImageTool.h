@@ -28,6 +28,9 @@ public:
     virtual void changePassword(const std::string& image, const std::string& oldPassword,
                                 const std::string& newPassword) const = 0;
     virtual std::vector<AttachedImage> attachedImages() const = 0;
+    // Whether `name` in the folder open as `folder` is an image of this tool's kind, or one whose
+    // creation was interrupted before it held anything else. Never follows a link.
+    virtual bool isImage(int folder, const std::string& name) const = 0;
 
     // Throws CorvaneError::inUse naming the programs that keep the volume busy, or diskImage for
     // any other failure of the tool. A forced detach that is still busy is reported, not escalated.
@@ -46,6 +49,11 @@ protected:
     virtual void forceDetach(const std::string& mountPoint) const = 0;
     // The tool's output as a one-line report for CorvaneError::diskImage.
     virtual std::string report(const std::string& output) const = 0;
+
+    // Whether `name` in `folder` is a real folder that holds the regular file `marker`, or
+    // nothing but names from `unfinished` (what an interrupted creation leaves).
+    static bool isFolderHolding(int folder, const std::string& name, const std::string& marker,
+                                const std::vector<std::string>& unfinished);
 
     // The non-empty lines of `output`, each passed through `tidy` (nothing drops the line), joined
     // by single spaces, trimmed of spaces and tabs.

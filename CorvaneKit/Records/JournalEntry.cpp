@@ -18,6 +18,7 @@ nlohmann::json JournalEntry::toJSON() const {
     if (lockedIdentity) value["lockedIdentity"] = lockedIdentity->toJSON();
     if (lockedAt) value["lockedAt"] = DateFormat::iso8601(*lockedAt);
     if (deletingPath) value["deletingPath"] = *deletingPath;
+    if (originalFacts) value["originalFacts"] = originalFacts->toJSON();
     return value;
 }
 
@@ -40,6 +41,8 @@ JournalEntry JournalEntry::fromJSON(const nlohmann::json& value) {
         if (!entry.lockedAt) throw DecodingError("lockedAt is not an ISO 8601 date");
     }
     entry.deletingPath = JSONFields::optionalString(value, "deletingPath");
+    if (auto* facts = JSONFields::optional(value, "originalFacts"))
+        entry.originalFacts = OriginalFacts::fromJSON(*facts);
     return entry;
 }
 

@@ -10,6 +10,7 @@
 
 #include "Records/DateFormat.h"
 #include "Records/FileIdentity.h"
+#include "Records/OriginalFacts.h"
 #include "Records/Uuid.h"
 
 namespace corvane {
@@ -25,6 +26,9 @@ struct JournalEntry {
     std::optional<FileIdentity> lockedIdentity;
     std::optional<Date> lockedAt;
     std::optional<std::string> deletingPath;
+    // A lock's original as it was before the copy, written with lockedIdentity; recovery deletes
+    // an original only while it still has these facts.
+    std::optional<OriginalFacts> originalFacts;
 
     bool operator==(const JournalEntry&) const = default;
 
