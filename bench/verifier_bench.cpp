@@ -3,6 +3,8 @@
 //                                     COUNT files of BYTES random bytes in DIR, PER-FOLDER (1000
 //                                     unless given) to each sub-folder
 //   corvane-verifier-bench manifest DIR THREADS RUNS  best seconds of RUNS manifests
+//   corvane-verifier-bench lastlook DIR RUNS          best seconds of RUNS of the look a lock
+//                                     takes at its original before deleting it
 #include <fcntl.h>
 #include <sys/random.h>
 #include <unistd.h>
@@ -15,6 +17,8 @@
 #include <string>
 #include <vector>
 
+#include "Engine/Folder.h"
+#include "Engine/Locker.h"
 #include "FileSystem/TreeVerifier.h"
 
 namespace {
@@ -52,6 +56,24 @@ int manifest(const std::string& folder, unsigned threads, int runs) {
 
 }  // namespace
 
+int lastLook(const std::string& item, int runs) {
+    const std::filesystem::path path = std::filesystem::absolute(item);
+    const corvane::Folder folder(path.parent_path().string());
+    const auto facts = corvane::Locker::factsOf(corvane::Locker::metadataSnapshot(path.string()));
+    double best = 1e9;
+    for (int run = 0; run < runs; ++run) {
+        auto start = std::chrono::steady_clock::now();
+        if (!corvane::Locker::unchangedSinceCopy(folder, path.filename().string(), facts)) {
+            std::fprintf(stderr, "the folder changed while it was looked at\n");
+            return 1;
+        }
+        best = std::min(best, std::chrono::duration<double>(std::chrono::steady_clock::now() - start)
+                                  .count());
+    }
+    std::printf("%.4f\n", best);
+    return 0;
+}
+
 int main(int argc, char** argv) {
     std::vector<std::string> args(argv + 1, argv + argc);
     if ((args.size() == 4 || args.size() == 5) && args[0] == "generate") {
@@ -61,6 +83,7 @@ int main(int argc, char** argv) {
     }
     if (args.size() == 4 && args[0] == "manifest")
         return manifest(args[1], static_cast<unsigned>(std::stoul(args[2])), std::stoi(args[3]));
-    std::fprintf(stderr, "usage: corvane-verifier-bench generate DIR COUNT BYTES [PER-FOLDER] | manifest DIR THREADS RUNS\n");
+    if (args.size() == 3 && args[0] == "lastlook") return lastLook(args[1], std::stoi(args[2]));
+    std::fprintf(stderr, "usage: corvane-verifier-bench generate DIR COUNT BYTES [PER-FOLDER] | manifest DIR THREADS RUNS | lastlook DIR RUNS\n");
     return 2;
 }

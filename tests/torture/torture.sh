@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Kill-anywhere torture: lock, or remove the lock from, a fresh data set, kill the command with
 # SIGKILL at some moment, let `corvane recover` settle it, and check that nothing was lost or
-# left behind. Prints a table of operation x kind of moment; exits 1 on any loss or leftover.
+# left behind; a program's save that lands as the locked item appears must never be lost. Prints a
+# table of operation x kind of moment; exits 1 on any loss or leftover.
 #   torture.sh PATH-TO-corvane [TRIALS]
 set -uo pipefail
 # Corvane keeps its password in the desktop keyring: give the run one of its own.
@@ -34,7 +35,10 @@ same() { diff -r --no-dereference -x .corvane-item.json -x .metadata_never_index
 run() { printf '%s\n' "$password" | "$corvane" --password-stdin "$@" > /dev/null 2>&1; }
 
 # Kills the command at a moment: after a delay, after its Nth progress line, or as soon as a name
-# appears beside the item.
+# appears beside the item. A save (lock only) is what a program does the instant the locked item
+# appears: it adds a line to a file of the item, and the command is then killed or left to finish;
+# `saved` says whether the file could still be written.
+saved=0
 torture_once() {
     local op=$1 moment=$2 work=$3
     local target=$work/Data
@@ -51,6 +55,10 @@ torture_once() {
             local name=Data.corvlock
             [[ $op == remove-lock ]] && name=Data
             while kill -0 $pid 2> /dev/null && [[ ! -e $work/$name ]]; do :; done ;;
+        save:*)
+            while kill -0 $pid 2> /dev/null && [[ ! -e $work/Data.corvlock ]]; do :; done
+            echo "saved as the lock appeared" >> "$work/Data/small/note 1.txt" 2> /dev/null && saved=1
+            [[ $moment == save:finish ]] && wait $pid 2> /dev/null ;;
     esac
     kill -9 $pid 2> /dev/null
     wait $pid 2> /dev/null
@@ -80,19 +88,34 @@ for ((trial = 0; trial < trials; trial++)); do
         op=remove-lock duration=$duration_restore
         run lock "$work/Data"
     fi
-    case $((trial / 2 % 3)) in
+    case $((trial / 2 % 4)) in
         0) moment="delay:$(echo "scale=3; $duration * ($RANDOM % 1000) / 1000" | bc)" kind=timed ;;
         1) moment="line:$((RANDOM % 5 + 1))" kind=progress ;;
         2) moment=appears kind=name ;;
+        3) if [[ $op == lock ]]; then
+               moment=save:$( ((RANDOM % 2)) && echo kill || echo finish) kind=save
+           else
+               moment=appears kind=name
+           fi ;;
     esac
+    saved=0
     torture_once "$op" "$moment" "$work"
     run recover
+    # A save that was made is never lost: the original that holds it stays, and a locked copy
+    # beside it, if any, holds the data as it was before the save.
+    before=$work/.pristine
+    saves_made=$((${saves_made:-0} + saved))
+    if ((saved)); then
+        cp -a "$work/.pristine" "$work/.before"
+        before=$work/.before
+        echo "saved as the lock appeared" >> "$work/.pristine/small/note 1.txt"
+    fi
 
     key="$op $kind"
     total[$key]=$((${total[$key]:-0} + 1))
     # The data is whole in exactly one place: the original path, or inside the one locked item.
     whole=0 problems=""
-    if [[ -e $work/Data && -e $work/Data.corvlock ]]; then
+    if [[ -e $work/Data && -e $work/Data.corvlock ]] && ((!saved)); then
         problems+=" both"
     elif [[ -e $work/Data ]]; then
         same "$work/.pristine" "$work/Data" && whole=1
@@ -101,6 +124,7 @@ for ((trial = 0; trial < trials; trial++)); do
         [[ -n $mount ]] && same "$work/.pristine" "$mount" && whole=1
         run lock-now --all
     fi
+    [[ $kind == save && ! -e $work/Data ]] && ((saved)) && problems+=" save-lost"
     leftovers=$(find "$work" -maxdepth 1 -name '.corvane-*' | wc -l)
     grep -q "$work" /proc/mounts && leftovers=$((leftovers + 1))
     grep -q "$CORVANE_SUPPORT_DIR/Open/" /proc/mounts && leftovers=$((leftovers + 1))
@@ -111,7 +135,9 @@ for ((trial = 0; trial < trials; trial++)); do
     listed=$("$corvane" list --json 2> /dev/null | grep -c '"path"')
     if [[ -e $work/Data.corvlock ]]; then
         ((listed == 1)) || problems+=" index"
-        run remove-lock --yes "$work/Data.corvlock" && same "$work/.pristine" "$work/Data" || problems+=" follow-up"
+        restored=$work/Data
+        [[ -e $work/Data ]] && restored="$work/Data (restored)"
+        run remove-lock --yes "$work/Data.corvlock" && same "$before" "$restored" || problems+=" follow-up"
     else
         ((listed == 0)) || problems+=" index"
         run lock "$work/Data" || problems+=" follow-up"
@@ -127,8 +153,8 @@ for ((trial = 0; trial < trials; trial++)); do
 done
 
 printf '%-24s %7s %7s %5s %10s\n' "operation, moment" trials intact lost leftovers
-for key in "lock timed" "lock progress" "lock name" "remove-lock timed" "remove-lock progress" "remove-lock name"; do
+for key in "lock timed" "lock progress" "lock name" "lock save" "remove-lock timed" "remove-lock progress" "remove-lock name"; do
     printf '%-24s %7d %7d %5d %10d\n' "$key" "${total[$key]:-0}" "${intact[$key]:-0}" "${lost[$key]:-0}" "${leftover[$key]:-0}"
 done
-echo "lock takes ${duration_lock}s and remove-lock ${duration_restore}s here; $failures of $trials trials failed"
+echo "lock takes ${duration_lock}s and remove-lock ${duration_restore}s here; ${saves_made:-0} saves landed in the original as its lock appeared; $failures of $trials trials failed"
 ((failures == 0))
