@@ -3,6 +3,7 @@
 // place, nothing left over, and one count.
 #include <gtest/gtest.h>
 
+#include <signal.h>
 #include <sys/statvfs.h>
 
 #include <fstream>
@@ -189,6 +190,7 @@ TEST_P(LockerRecoveryInterruptedTest, EndsWithTheDataWholeInOnePlace) {
     if (locked) {
         EXPECT_EQ(std::tuple(records[0].stage, records[0].originalPath),
                   std::tuple(LockedItem::Stage::complete, std::nullopt));
+        EXPECT_TRUE(records[0].contentSize) << "a record made again knows its size";
         EXPECT_TRUE(sameAsPristine(restarted.removeLock(home + "/Taxes.corvlock", kPassword)));
     } else {
         EXPECT_TRUE(sameAsPristine(home + "/Taxes"));
@@ -310,6 +312,93 @@ TEST_F(LockerRecoveryTest, RecoveryRemovesOnlyWhatItsEntryMade) {
               home + "/elsewhere" + hidden + ".partial.sparsebundle"})
             EXPECT_TRUE(sameAsPristine(folder)) << folder;
         locker.journal.remove(id);
+    }
+}
+
+// The user moves or renames the locked item, or opens it, before recovery runs: its lock is still
+// finished where it can be found, waits where it cannot, and nothing of the user's is closed.
+TEST_F(LockerRecoveryTest, AMovedOrOpenedItemIsFollowedNeverClosed) {
+    struct Row {
+        const char* what;
+        CrashPoint point;
+        const char* movedTo;  // below home; nullptr: left in place
+        bool open = false;
+    };
+    const Row rows[] = {
+        {"renamed in place", CrashPoint::lockAfterRename, "Renamed.corvlock"},
+        {"moved to another folder", CrashPoint::lockAfterRename, "moved/Taxes.corvlock"},
+        {"moved with its original aside", CrashPoint::lockAfterRenameToDeleting,
+         "moved/Taxes.corvlock"},
+        {"opened by the user", CrashPoint::lockAfterDeleteOriginal, nullptr, true},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        std::filesystem::remove_all(home);
+        std::filesystem::remove_all(support);
+        makeSample(home + "/Taxes");
+        Locker locker = makeLocker();
+        crashLocking(locker, row.point);
+        const JournalEntry entry = locker.journal.load().at(0);
+        std::string locked = home + "/Taxes.corvlock";
+        if (row.movedTo) {
+            std::filesystem::create_directories(home + "/moved");
+            std::filesystem::rename(locked, home + "/" + row.movedTo);
+            locked = home + "/" + row.movedTo;
+        }
+        // A program whose command line mentions the item's id, as a user's own might.
+        const pid_t mentioning =
+            std::stoi(ProcessRunner::run(
+                          "/bin/sh", {"-c", "sh -c 'sleep 60; :' \"notes on " + entry.id.string() +
+                                                "\" > /dev/null 2>&1 & echo $!"})
+                          .output);
+        std::optional<OpenItem> open;
+        if (row.open) open = locker.unlock(locked, kPassword);
+
+        const bool found =
+            std::string(row.movedTo ? row.movedTo : "").find('/') == std::string::npos;
+        EXPECT_EQ(locker.recover(),
+                  found ? RecoveryReport{.finishedLocks = 1} : RecoveryReport{.keptForLater = 1});
+        auto records = locker.index.load();
+        ASSERT_EQ(records.size(), 1u);
+        if (found) {
+            EXPECT_EQ(std::tuple(records[0].stage, records[0].lastKnownPath),
+                      std::tuple(LockedItem::Stage::complete, locked));
+            EXPECT_FALSE(std::filesystem::exists(home + "/Taxes"));
+        } else {
+            // Kept, with the original, until the item is back where its record finds it.
+            EXPECT_EQ(locker.journal.load(), std::vector<JournalEntry>{entry});
+            std::filesystem::rename(locked, home + "/Taxes.corvlock");
+            EXPECT_EQ(locker.recover(), RecoveryReport{.finishedLocks = 1});
+        }
+        EXPECT_TRUE(locker.journal.load().empty());
+        EXPECT_EQ(kill(mentioning, 0), 0) << "a process that only mentions the id was ended";
+        kill(mentioning, SIGKILL);
+        if (open) {
+            EXPECT_EQ(locker.openItems(), std::vector<OpenItem>{*open});
+            EXPECT_EQ(testing::readFile(open->mountPoint + "/notes 日本.txt"), "notes");
+            locker.relock(*open, false);
+        }
+    }
+}
+
+// Removing the lock from an item the user renamed, interrupted: recovery forgets its record too.
+TEST_F(LockerRecoveryTest, AnInterruptedRemovalForgetsARenamedItemsRecord) {
+    for (CrashPoint point :
+         {CrashPoint::restoreAfterRename, CrashPoint::restoreAfterDeleteLocked}) {
+        SCOPED_TRACE(CrashPoints::rawValue(point));
+        std::filesystem::remove_all(home);
+        std::filesystem::remove_all(support);
+        makeSample(home + "/Taxes");
+        Locker locker = makeLocker();
+        locker.lock(home + "/Taxes", kPassword, 1);
+        std::filesystem::rename(home + "/Taxes.corvlock", home + "/Renamed.corvlock");
+        locker.crashPoint = point;
+        EXPECT_THROW(locker.removeLock(home + "/Renamed.corvlock", kPassword), SimulatedCrash);
+        locker.crashPoint.reset();
+
+        EXPECT_EQ(locker.recover(), RecoveryReport{.finishedRestores = 1});
+        expectSettled(locker, {"Taxes"}, std::vector<LockedItem>{});
+        EXPECT_TRUE(sameAsPristine(home + "/Taxes"));
     }
 }
 

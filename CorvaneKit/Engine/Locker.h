@@ -179,8 +179,10 @@ private:
     void undoVisibleLock(const Folder& folder, const JournalEntry& entry,
                          const std::string& finalName, const std::string& mountPoint) const;
     void recoverRestore(const JournalEntry& entry, RecoveryReport& report) const;
-    // Closes by force whatever an operation with this id left attached, and its mount point.
-    void closeMountOf(const Uuid& id) const;
+    // Closes by force the image an interrupted operation worked on, where it attached it, and ends
+    // the processes still working on it; the mount point goes too unless `finished` (a finished
+    // lock's item may be open there).
+    void closeWorkOf(const JournalEntry& entry, bool finished) const;
     void crashIf(CrashPoint point) const {
         if (crashPoint == point) throw SimulatedCrash();
     }

@@ -29,10 +29,13 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <functional>
 #include <memory>
+#include <vector>
 
 #include "Engine/Locker.h"
 #include "FileSystem/FileWalk.h"
+#include "FileSystem/ItemFacts.h"
 #include "Records/DateFormat.h"
 #include "Records/Locator.h"
 #include "Records/Paths.h"
@@ -50,31 +53,42 @@ std::string beside(const std::string& folder, const std::string& name) {
     return (folder == "/" ? "" : folder) + "/" + name;
 }
 
-std::string commandLineOf(const std::string& pid) {
-    std::string arguments(65536, '\0');
+// The arguments a process was started with; empty when they cannot be read.
+std::vector<std::string> argumentsOf(const std::string& pid) {
+    std::string raw(65536, '\0');
     int fd = open(("/proc/" + pid + "/cmdline").c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return "";
-    ssize_t length = read(fd, arguments.data(), arguments.size());
+    if (fd < 0) return {};
+    ssize_t length = read(fd, raw.data(), raw.size());
     close(fd);
-    arguments.resize(length > 0 ? static_cast<std::size_t>(length) : 0);
+    raw.resize(length > 0 ? static_cast<std::size_t>(length) : 0);
+    std::vector<std::string> arguments;
+    for (std::size_t start = 0; start < raw.size();) {
+        std::size_t end = std::min(raw.find('\0', start), raw.size());
+        arguments.push_back(raw.substr(start, end - start));
+        start = end + 1;
+    }
     return arguments;
 }
 
 // A killed operation's children (an image being created, a copy) outlive it for a while and
-// could write into what recovery removes. Every process naming the operation's id is ended,
-// through a pidfd, so that a number reused meanwhile is never signalled.
-void endProcessesNaming(const std::string& id) {
+// could write into what recovery removes. A process is ended when one of its arguments is that
+// work, never for a mere mention of it; through a pidfd, so that a number reused meanwhile is
+// never signalled.
+void endProcessesWorkingOn(const std::function<bool(const std::string&)>& isWork) {
     std::unique_ptr<DIR, int (*)(DIR*)> proc(opendir("/proc"), closedir);
     if (!proc) return;
     const std::string self = std::to_string(getpid());
+    auto working = [&](const std::string& pid) {
+        auto arguments = argumentsOf(pid);
+        return std::any_of(arguments.begin(), arguments.end(), isWork);
+    };
     while (dirent* entry = readdir(proc.get())) {
         std::string pid = entry->d_name;
         if (pid.find_first_not_of("0123456789") != std::string::npos || pid == self) continue;
-        if (commandLineOf(pid).find(id) == std::string::npos) continue;
+        if (!working(pid)) continue;
         int handle = static_cast<int>(syscall(SYS_pidfd_open, std::stoi(pid), 0));
         if (handle < 0) continue;
-        if (commandLineOf(pid).find(id) != std::string::npos &&
-            syscall(SYS_pidfd_send_signal, handle, SIGKILL, nullptr, 0) == 0) {
+        if (working(pid) && syscall(SYS_pidfd_send_signal, handle, SIGKILL, nullptr, 0) == 0) {
             pollfd ended{handle, POLLIN, 0};
             poll(&ended, 1, 5000);
         }
@@ -84,18 +98,26 @@ void endProcessesNaming(const std::string& id) {
 
 }  // namespace
 
-void Locker::closeMountOf(const Uuid& id) const {
-    std::string mountPoint = mountsRoot + "/" + id.string();
-    if (isMountPoint(mountPoint)) tool->detach(mountPoint, true);
-    endProcessesNaming(id.string());
-    rmdir(mountPoint.c_str());
+void Locker::closeWorkOf(const JournalEntry& entry, bool finished) const {
+    // The image the operation worked on, at its own mount point: a finished lock's item, open
+    // at the same mount point, is the user's and stays open.
+    const std::string mountPoint = mountsRoot + "/" + entry.id.string();
+    const std::string image =
+        entry.kind == JournalEntry::Kind::lock ? entry.partialPath : entry.originalPath;
+    const std::string workName = lastPathComponent(entry.partialPath);
+    for (const auto& attached : tool->attachedImages())
+        if (canonicalPath(attached.imagePath) == canonicalPath(image) &&
+            canonicalPath(attached.mountPoint) == canonicalPath(mountPoint))
+            tool->detach(attached.mountPoint, true);
+    endProcessesWorkingOn([&](const std::string& argument) {
+        return argument == entry.partialPath || argument.ends_with("/" + workName) ||
+               (!finished && (argument == mountPoint || argument.starts_with(mountPoint + "/")));
+    });
+    if (!finished) rmdir(mountPoint.c_str());
 }
 
 void Locker::recoverLock(JournalEntry entry, RecoveryReport& report) const {
-    closeMountOf(entry.id);
     const std::string parentPath = corvane::parentPath(entry.originalPath);
-    if (!exists(parentPath)) return void(++report.keptForLater);
-    const Folder parent(parentPath);
     const std::string name = lastPathComponent(entry.originalPath);
     const std::string partialName = ".corvane-" + entry.id.string() + ".partial.sparsebundle";
     const std::string deletingName = ".corvane-" + entry.id.string() + ".deleting";
@@ -107,29 +129,49 @@ void Locker::recoverLock(JournalEntry entry, RecoveryReport& report) const {
     auto records = index.load();
     auto record = std::find_if(records.begin(), records.end(),
                                [&](const LockedItem& item) { return item.id == entry.id; });
+    // The locked item this lock made, by its identity: where the entry says, else where its
+    // record finds it after the user moved it.
+    std::optional<std::string> locked;
+    if (entry.lockedIdentity) {
+        if (FileIdentity::of(entry.finalPath) == entry.lockedIdentity) {
+            locked = entry.finalPath;
+        } else if (record != records.end()) {
+            auto located = ItemIndex::locate(*record);
+            if (located && FileIdentity::of(*located) == entry.lockedIdentity) locked = located;
+        }
+    }
+    closeWorkOf(entry, locked.has_value());
+    if (!exists(parentPath)) return void(++report.keptForLater);
+    const Folder parent(parentPath);
 
-    bool complete = entry.lockedIdentity && exists(entry.finalPath) &&
-                    FileIdentity::of(entry.finalPath) == entry.lockedIdentity;
-    if (!complete) {
-        // The lock never produced its item: the original is the only copy and stays as it is.
+    if (!locked) {
         if (parent.contains(partialName)) {
             if (!tool->isImage(parent.descriptor(), partialName))
                 return void(++report.keptForLater);
             parent.removeOwnedTree(partialName);
+        } else if (entry.lockedIdentity) {
+            // The locked item was made and has gone from where the entry and its record say: a
+            // moved item is found again later, and its original waits for it.
+            return void(++report.keptForLater);
         }
+        // The lock never produced its item: the original is the only copy and stays as it is.
         if (parent.contains(deletingName)) keepOriginal(parent, deletingName, name);
         if (record != records.end()) index.remove(entry.id);
         journal.remove(entry.id);
         return void(++report.discardedLocks);
     }
-    const std::string finalName = lastPathComponent(entry.finalPath);
-    if (entry.finalPath != beside(parentPath, finalName) || !finalName.ends_with(".corvlock") ||
-        !tool->isImage(parent.descriptor(), finalName))
+    const Folder lockedFolder(corvane::parentPath(*locked));
+    const std::string lockedName = lastPathComponent(*locked);
+    if (!lockedName.ends_with(".corvlock") || !tool->isImage(lockedFolder.descriptor(), lockedName))
         return void(++report.keptForLater);
 
     struct stat status {};
     const bool isFile = (parent.status(name, status) || parent.status(deletingName, status)) &&
                         !S_ISDIR(status.st_mode);
+    std::optional<std::int64_t> contentSize;
+    for (const std::string& original : {name, deletingName})
+        if (!contentSize && parent.contains(original))
+            contentSize = ItemFacts::logicalSize(parent.anchored(original));
     // An original goes only while it still has the facts it had before the copy: what was saved
     // into it since, even with its modification time put back, keeps it next to the locked copy.
     bool kept = false;
@@ -161,18 +203,18 @@ void Locker::recoverLock(JournalEntry entry, RecoveryReport& report) const {
     }
 
     LockedItem item = record != records.end()
-                          ? *record
+                          ? ItemIndex::refreshed(*record, *locked)
                           : LockedItem{entry.id,
                                        name,
                                        isFile ? LockedItem::Kind::file : LockedItem::Kind::folder,
-                                       Locator::make(entry.finalPath),
-                                       entry.finalPath,
+                                       Locator::make(*locked),
+                                       *locked,
                                        entry.lockedAt.value_or(DateFormat::roundedToSecond(
                                            std::chrono::system_clock::now())),
                                        0,
                                        LockedItem::Stage::complete,
                                        std::nullopt,
-                                       std::nullopt};
+                                       contentSize};
     item.stage = LockedItem::Stage::complete;
     item.originalPath.reset();
     index.upsert(item);
@@ -181,20 +223,20 @@ void Locker::recoverLock(JournalEntry entry, RecoveryReport& report) const {
 }
 
 void Locker::recoverRestore(const JournalEntry& entry, RecoveryReport& report) const {
-    closeMountOf(entry.id);
     const std::string parentPath = corvane::parentPath(entry.originalPath);
-    if (!exists(parentPath)) return void(++report.keptForLater);
-    const Folder parent(parentPath);
     const std::string lockedName = lastPathComponent(entry.originalPath);
     const std::string deletingName = ".corvane-" + entry.id.string() + ".deleting";
     const std::string stagingName = ".corvane-" + entry.id.string() + ".restoring";
-    const bool restored = !entry.finalPath.empty() && entry.lockedIdentity &&
-                          FileIdentity::of(entry.finalPath) == entry.lockedIdentity;
     // As for a lock: only this entry's own names go, and only a locked image is ever deleted.
     if (entry.partialPath != beside(parentPath, stagingName) ||
         !lockedName.ends_with(".corvlock") ||
         (entry.deletingPath && *entry.deletingPath != beside(parentPath, deletingName)))
         return void(++report.keptForLater);
+    closeWorkOf(entry, false);
+    if (!exists(parentPath)) return void(++report.keptForLater);
+    const Folder parent(parentPath);
+    const bool restored = !entry.finalPath.empty() && entry.lockedIdentity &&
+                          FileIdentity::of(entry.finalPath) == entry.lockedIdentity;
 
     if (parent.contains(stagingName)) parent.removeOwnedTree(stagingName);
     if (!restored) {
@@ -209,18 +251,24 @@ void Locker::recoverRestore(const JournalEntry& entry, RecoveryReport& report) c
     for (const std::string& image : {lockedName, deletingName})
         if (parent.contains(image) && !tool->isImage(parent.descriptor(), image))
             return void(++report.keptForLater);
-    auto records = index.load();
+    const std::string deletingPath = beside(parentPath, deletingName);
     if (parent.contains(lockedName)) {
         flushVolume(parent);
         JournalEntry moving = entry;
-        moving.deletingPath = parentPath + "/" + deletingName;
+        moving.deletingPath = deletingPath;
         journal.add(moving);
         parent.confirmIdentity();
         parent.renameExclusively(lockedName, deletingName);
     }
+    // The image's record, found while the image is still there to be found (moved aside, its
+    // locator finds it beside), whatever path the record last knew.
+    for (const auto& item : index.load()) {
+        auto located = ItemIndex::locate(item);
+        if (item.lastKnownPath == entry.originalPath ||
+            (located && canonicalPath(*located) == canonicalPath(deletingPath)))
+            index.remove(item.id);
+    }
     parent.removeOwnedTree(deletingName);
-    for (const auto& item : records)
-        if (item.lastKnownPath == entry.originalPath) index.remove(item.id);
     journal.remove(entry.id);
     ++report.finishedRestores;
 }

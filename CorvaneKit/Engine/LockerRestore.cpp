@@ -97,6 +97,12 @@ std::string Locker::removeLock(const std::string& path, const std::string& passw
     const Folder parent(parentPath);
 
     std::optional<LockedItem> record = index.item(locked);
+    // Recovery knows the record by the path it works on: one the user renamed is brought up to
+    // date first.
+    if (record && record->lastKnownPath != locked) {
+        record = ItemIndex::refreshed(*record, locked);
+        index.upsert(*record);
+    }
     if (record) {
         for (const auto& open : openItems())
             if (open.id == record->id) relock(open, false);  // files in use end the operation here
