@@ -75,5 +75,28 @@ TEST_F(LockerPasswordTest, InterruptedAndUnreachableItemsMoveOnALaterRun) {
     EXPECT_TRUE(sameAsPristine(locker.removeLock(first.lastKnownPath, kNew)));
 }
 
+// Items found again after they were forgotten (or after the index was set aside) come back with
+// no known generation: the current password is tried on them first, earlier ones after it.
+TEST_F(LockerPasswordTest, ItemsOfUnknownGenerationCatchUp) {
+    Locker locker = makeLocker();
+    makeSample(home + "/Second");
+    LockedItem current = locker.lock(home + "/Taxes", kNew, 0);
+    LockedItem earlier = locker.lock(home + "/Second", kOld, 0);
+
+    StoredSecret secret;
+    secret.password = kNew;
+    secret.generation = 2;
+    auto failures = locker.finishMigration(secret);
+    ASSERT_EQ(failures.size(), 1u) << "only the item on a password the record forgot stays";
+    EXPECT_EQ(failures.begin()->first, earlier.id);
+    EXPECT_EQ(locker.itemsStillMigrating(2), std::vector<std::string>{"Second"});
+
+    secret.previous = kOld;
+    EXPECT_TRUE(locker.finishMigration(secret).empty());
+    EXPECT_TRUE(locker.itemsStillMigrating(2).empty());
+    EXPECT_EQ(opensWith(current.lastKnownPath), "new");
+    EXPECT_EQ(opensWith(earlier.lastKnownPath), "new");
+}
+
 }  // namespace
 }  // namespace corvane

@@ -169,6 +169,11 @@ private:
     // notLocked, notFound, or refused(shortcut) for a symbolic link.
     static std::string lockedItemPath(const std::string& path);
 
+    // changePassword for the items `only` accepts (all when it is empty).
+    std::map<Uuid, CorvaneError> rekey(const std::string& from, const std::string& to,
+                                       std::int64_t generation,
+                                       const std::function<bool(const LockedItem&)>& only,
+                                       const std::function<void(const LockedItem&)>& moving);
     void recoverLock(JournalEntry entry, RecoveryReport& report) const;
     // Gives an original that changed back its name, or, when that is taken, a free one beside
     // it; the locked copy stays. Returns the name it now has.

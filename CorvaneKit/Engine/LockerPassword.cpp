@@ -11,6 +11,13 @@ namespace corvane {
 std::map<Uuid, CorvaneError> Locker::changePassword(
     const std::string& from, const std::string& to, std::int64_t generation,
     const std::function<void(const LockedItem&)>& moving) {
+    return rekey(from, to, generation, nullptr, moving);
+}
+
+std::map<Uuid, CorvaneError> Locker::rekey(const std::string& from, const std::string& to,
+                                           std::int64_t generation,
+                                           const std::function<bool(const LockedItem&)>& only,
+                                           const std::function<void(const LockedItem&)>& moving) {
     requireUsablePassword(from);
     requireUsablePassword(to);
     // An open image cannot be re-keyed safely.
@@ -18,7 +25,7 @@ std::map<Uuid, CorvaneError> Locker::changePassword(
     std::map<Uuid, CorvaneError> failures;
     bool movedOne = false;
     for (LockedItem item : index.load()) {
-        if (item.passwordGeneration >= generation) continue;
+        if (item.passwordGeneration >= generation || (only && !only(item))) continue;
         if (moving) moving(item);
         auto image = ItemIndex::locate(item);
         if (!image) {
@@ -57,7 +64,11 @@ std::vector<std::string> Locker::itemsStillMigrating(std::int64_t generation) co
 }
 
 std::map<Uuid, CorvaneError> Locker::finishMigration(const StoredSecret& secret) {
-    std::map<Uuid, CorvaneError> failures;
+    // An item found again after it was forgotten comes back with no known generation: it most
+    // likely opens with the current password, which is tried on it before any earlier one.
+    std::map<Uuid, CorvaneError> failures = rekey(
+        secret.password, secret.password, secret.generation,
+        [](const LockedItem& item) { return item.passwordGeneration == 0; }, nullptr);
     for (const auto& earlier : secret.openCandidates()) {
         if (earlier == secret.password) continue;
         failures = changePassword(earlier, secret.password, secret.generation);
