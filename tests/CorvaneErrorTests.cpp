@@ -41,6 +41,10 @@ TEST(CorvaneError, EveryCaseHasItsSentenceInBothWordings) {
          "The restored copy did not match the locked item (0 differences), so nothing was changed. The item is "
          "still locked."},
         {CorvaneError::refused(LockRefusal::tooLarge), "Corvane locks items up to 2 TB."},
+        {CorvaneError::refused(LockRefusal::shortcut),
+         "This is a shortcut to another item. Lock the original instead."},
+        {CorvaneError::refused(LockRefusal::lockedItemShortcut),
+         "This is a shortcut to a locked item. Choose the locked item itself instead."},
         {CorvaneError::lockedButOriginalRemains("Taxes"),
          "Taxes is locked, but Corvane could not remove the unlocked original. It will try again next time it opens."},
         {CorvaneError::lockedButRemovalUnfinished("Taxes"),

@@ -262,7 +262,8 @@ TEST_F(LockerFailureTest, UnusablePasswordsAndLinksAreRefusedBeforeAnyWork) {
     };
     for (const auto& [operation, run] : throughLinks)
         for (const std::string& path : {link, link + "/"})
-            EXPECT_EQ(errorFrom([&] { run(path); }), CorvaneError::refused(LockRefusal::shortcut))
+            EXPECT_EQ(errorFrom([&] { run(path); }),
+                      CorvaneError::refused(LockRefusal::lockedItemShortcut))
                 << operation << " " << path;
     EXPECT_EQ(changedPaths(before, Locker::metadataSnapshot(root.path())), Names{});
 }

@@ -58,7 +58,7 @@ std::string Locker::lockedItemPath(const std::string& path) {
     struct stat status {};
     if (lstat(locked.c_str(), &status) != 0) throw CorvaneError::notFound();
     // The image tool would follow it to whatever it points at, locked item or not.
-    if (S_ISLNK(status.st_mode)) throw CorvaneError::refused(LockRefusal::shortcut);
+    if (S_ISLNK(status.st_mode)) throw CorvaneError::refused(LockRefusal::lockedItemShortcut);
     return locked;
 }
 

@@ -21,6 +21,7 @@ std::string_view LockRefusals::rawValue(LockRefusal refusal) {
         case LockRefusal::shortcut: return "shortcut";
         case LockRefusal::nameNotText: return "nameNotText";
         case LockRefusal::holdsReservedName: return "holdsReservedName";
+        case LockRefusal::lockedItemShortcut: return "lockedItemShortcut";
     }
     return {};
 }
@@ -55,7 +56,7 @@ std::string_view LockRefusals::message(LockRefusal refusal, const Wording& wordi
             return "This is inside a locked item or a disk image, so Corvane cannot lock it.";
         case LockRefusal::tooLarge: return "Corvane locks items up to 2 TB.";
         case LockRefusal::shortcut:
-            return "This is a shortcut to another item. Choose the original instead.";
+            return "This is a shortcut to another item. Lock the original instead.";
         case LockRefusal::nameNotText:
             return "Corvane can only lock items whose name and folders are named in valid text "
                    "(UTF-8). Rename them, then try again.";
@@ -63,6 +64,8 @@ std::string_view LockRefusals::message(LockRefusal refusal, const Wording& wordi
             return "This folder holds a file named .corvane-item.json or .metadata_never_index at "
                    "its top, names Corvane keeps for itself. Rename or move that file, then try "
                    "again.";
+        case LockRefusal::lockedItemShortcut:
+            return "This is a shortcut to a locked item. Choose the locked item itself instead.";
     }
     return {};
 }

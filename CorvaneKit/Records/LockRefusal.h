@@ -29,6 +29,8 @@ enum class LockRefusal {
     // Linux only: what the records or an image's volume cannot hold.
     nameNotText,
     holdsReservedName,
+    // A link given to unlock or remove the lock, which would act on whatever it points at.
+    lockedItemShortcut,
 };
 
 struct LockRefusals {
@@ -41,7 +43,7 @@ struct LockRefusals {
         LockRefusal::alreadyLocked,     LockRefusal::insideUnlockedItem,
         LockRefusal::insideLockedItem,  LockRefusal::tooLarge,
         LockRefusal::shortcut,          LockRefusal::nameNotText,
-        LockRefusal::holdsReservedName,
+        LockRefusal::holdsReservedName, LockRefusal::lockedItemShortcut,
     };
 
     static std::string_view rawValue(LockRefusal refusal);
