@@ -189,16 +189,17 @@ OriginalFacts Locker::factsOf(const Snapshot& snapshot) {
         auto number = [](const auto& value) {
             return value ? std::to_string(*value) : std::string("-");
         };
-        std::optional<std::int64_t> changed = metadata.changedNanoseconds;
-        if (path.empty()) {
-            facts.itemChangedNanoseconds = changed.value_or(0);
-            changed.reset();
-        }
+        // The item's own status-change time is kept beside the digest, not in it.
+        std::string changed = "-";
+        if (path.empty())
+            facts.itemChangedNanoseconds = metadata.changedNanoseconds.value_or(0);
+        else
+            changed = number(metadata.changedNanoseconds);
         // The path ends at its NUL, which no name holds; the numbers follow as text.
         std::string line = path;
         line += '\0';
         line += std::to_string(metadata.type) + " " + number(metadata.size) + " " +
-                number(metadata.modifiedNanoseconds) + " " + number(changed) + " " +
+                number(metadata.modifiedNanoseconds) + " " + changed + " " +
                 number(metadata.inode) + "\n";
         EVP_DigestUpdate(context.get(), line.data(), line.size());
     }
