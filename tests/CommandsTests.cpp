@@ -19,6 +19,8 @@
 #include "CommandLine.h"
 #include "Commands/CorvaneCommand.h"
 #include "Commands/FileManagerMenuModel.h"
+#include "Engine/ItemName.h"
+#include "Engine/Locker.h"
 #include "Records/SharedState.h"
 #include "TestSupport.h"
 
@@ -40,6 +42,20 @@ Outcome runCommand(const std::vector<std::string>& words) {
     std::ostringstream out, err;
     int status = cli::CommandLine::run(words, {}, cancel, in, out, err);
     return {status, out.str(), err.str()};
+}
+
+// An item is called by its locked name less ".corvlock" exactly where the menu and the engine see a
+// locked item, and by its whole name everywhere else.
+TEST(ItemName, DropsOnlyTheLockedItemsOwnExtension) {
+    const std::pair<const char*, const char*> rows[] = {
+        {"/a/Taxes.corvlock", "Taxes"},          {"/a/Taxes.corvlock/", "Taxes"},
+        {"/a/Taxes.CORVLOCK", "Taxes.CORVLOCK"}, {"/a/report.pdf", "report.pdf"},
+        {"/a/.corvlock", ".corvlock"},           {"/a/data.zip.corvlock", "data.zip"},
+    };
+    for (const auto& [path, name] : rows) {
+        EXPECT_EQ(itemName(path), name) << path;
+        EXPECT_EQ(Locker::itemName(std::nullopt, std::nullopt, path), name) << path;
+    }
 }
 
 TEST(CorvaneCommand, ParsesWellFormedCommandsOnly) {

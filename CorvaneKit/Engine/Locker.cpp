@@ -14,6 +14,7 @@
 #include <stdexcept>
 #include <system_error>
 
+#include "Engine/ItemName.h"
 #include "FileSystem/ExtensionTypes.h"
 #include "FileSystem/FileWalk.h"
 #include "FileSystem/ItemFacts.h"
@@ -259,9 +260,7 @@ void Locker::undoVisibleLock(const Folder& folder, const JournalEntry& entry,
 
 std::string Locker::itemName(const std::optional<ItemMarker>& marker,
                              const std::optional<LockedItem>& record, const std::string& locked) {
-    std::string lockedName = lastPathComponent(locked);
-    std::string extension = pathExtension(lockedName);
-    if (!extension.empty()) lockedName.resize(lockedName.size() - extension.size() - 1);
+    const std::string lockedName = corvane::itemName(locked);
     for (const std::string* candidate :
          {marker ? &marker->name : nullptr, record ? &record->displayName : nullptr,
           static_cast<const std::string*>(&lockedName)})
