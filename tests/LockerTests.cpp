@@ -88,7 +88,9 @@ TEST_F(LockerTest, FileLocksUnderItsBaseNameAndRestoresBeside) {
         EXPECT_EQ(item.lastKnownPath, home + "/" + lockedBase + ".corvlock");
         EXPECT_EQ(item.kind, LockedItem::Kind::file);
 
-        OpenItem open = locker.unlock(item.lastKnownPath, kPassword);
+        // Asked for by where it was, as much as by the locked item.
+        OpenItem open = locker.unlock(original, kPassword);
+        EXPECT_EQ(locker.unlock(item.lastKnownPath, kPassword), open);
         EXPECT_EQ(open.contentURL(), open.mountPoint + "/" + base + ".pdf");
         EXPECT_EQ(readFile(open.contentURL()), "report v1");
         locker.relock(open, false);

@@ -87,8 +87,9 @@ public:
                     const CancelToken* cancel = nullptr, const Progress& progress = nullptr,
                     const BytesProgress& bytes = nullptr);
 
-    // Opens the locked item at `path` at its private mount point; an open item is returned as it
-    // is. A link to a locked item is refused as a shortcut, here and in removeLock.
+    // Opens the locked item at `path` (or the item locked from `path`) at its private mount
+    // point; an open item is returned as it is. A link to a locked item is refused as a shortcut,
+    // here and in removeLock.
     OpenItem unlock(const std::string& path, const std::string& password);
     std::vector<OpenItem> openItems() const;
     // "Lock Now": closes one open item.
@@ -168,6 +169,8 @@ private:
     // The absolute path of the locked item `path` names (a trailing slash allowed); throws
     // notLocked, notFound, or refused(shortcut) for a symbolic link.
     static std::string lockedItemPath(const std::string& path);
+    // The same, also for the place an indexed item was locked from.
+    std::string lockedItemOrOriginal(const std::string& path) const;
 
     // changePassword for the items `only` accepts (all when it is empty).
     std::map<Uuid, CorvaneError> rekey(const std::string& from, const std::string& to,

@@ -13,9 +13,24 @@
 
 namespace corvane {
 
+std::string Locker::lockedItemOrOriginal(const std::string& path) const {
+    const std::string given = itemPath(path);
+    if (given.ends_with(".corvlock")) return lockedItemPath(path);
+    // Where an item was before it was locked: its record's locked item beside that place.
+    const std::string folder = canonicalPath(parentPath(given));
+    const std::string name = lastPathComponent(given);
+    for (const auto& record : index.load()) {
+        if (record.displayName != name) continue;
+        auto located = ItemIndex::locate(record);
+        if (located && canonicalPath(parentPath(*located)) == folder)
+            return lockedItemPath(*located);
+    }
+    return lockedItemPath(path);  // says why it is no locked item
+}
+
 OpenItem Locker::unlock(const std::string& given, const std::string& password) {
     requireUsablePassword(password);
-    const std::string path = lockedItemPath(given);
+    const std::string path = lockedItemOrOriginal(given);
 
     std::optional<LockedItem> record = index.item(path);
     if (record) {
