@@ -6,6 +6,8 @@
 #include "Engine/AppPaths.h"
 #include "FileSystem/GocryptfsTool.h"
 #include "Records/PasswordRules.h"
+#include "Records/Paths.h"
+#include "Records/SharedState.h"
 #include "TerminalText.h"
 
 namespace corvane::cli {
@@ -29,18 +31,41 @@ Locker& CommandContext::locker(bool announce) {
     recovered_ = true;
     if (auto notice = report.notice(); notice && announce)
         notices_ << notice->title << "\n" << notice->body << "\n";
-    finishPasswordMigration(*locker_);
+    finishPasswordMigration(*locker_, false);
     return *locker_;
 }
 
+void CommandContext::finish() {
+    if (!locker_) return;
+    if (migrationWaitsForOpenItems_) finishPasswordMigration(*locker_, true);
+    publishOpenItems();
+}
+
+void CommandContext::publishOpenItems() {
+    // As the application does: the file manager's menu offers Unlock or Lock Now from this.
+    auto path = SharedState::defaultURL();
+    if (!locker_ || !path) return;
+    try {
+        SharedState state;
+        for (const auto& open : locker_->openItems())
+            state.unlockedPaths.push_back(canonicalPath(open.lockedURL));
+        state.bootTime = SharedState::currentBootTime();
+        state.write(*path);
+    } catch (const std::exception&) {
+        // The menu may offer the wrong entry until the next command; the command's work stands.
+    }
+}
+
 void CommandContext::letGo() {
+    publishOpenItems();
     locker_.reset();
     supportLock_.reset();
 }
 
 // Items a password change could not reach then are moved as soon as they can be: every command
 // that opens the records tries again.
-void CommandContext::finishPasswordMigration(Locker& locker) {
+void CommandContext::finishPasswordMigration(Locker& locker, bool last) {
+    migrationWaitsForOpenItems_ = false;
     try {
         if (locker.index.load().empty()) return;
         auto secret = store_.load();
@@ -50,7 +75,11 @@ void CommandContext::finishPasswordMigration(Locker& locker) {
             return;
         }
         if (!locker.openItems().empty()) {
-            notices_ << "Lock every unlocked item to finish updating your password.\n";
+            // Said only if still true once the command (lock-now, say) has run.
+            if (last)
+                notices_ << "Lock every unlocked item to finish updating your password.\n";
+            else
+                migrationWaitsForOpenItems_ = true;
             return;
         }
         std::map<Uuid, CorvaneError> failures = locker.finishMigration(*secret);

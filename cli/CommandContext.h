@@ -46,6 +46,10 @@ public:
     // Lets go of the support directory (another command may run meanwhile), for as long as the
     // user is asked something; the next locker() takes it again.
     void letGo();
+    // After the command, while the support directory is still held: a password update that open
+    // items held up is finished now that they may be closed, or its notice given, and the file
+    // manager's menu learns what is open. Never throws.
+    void finish();
     // What the first recovery did.
     const RecoveryReport& recovery() const { return recovery_; }
 
@@ -63,7 +67,9 @@ public:
     std::string forError(const std::string& text) const;
 
 private:
-    void finishPasswordMigration(Locker& locker);
+    // `last`: after the command, when open items that hold it up are worth a notice.
+    void finishPasswordMigration(Locker& locker, bool last);
+    void publishOpenItems();
 
     Settings settings_;
     CancelToken& cancel_;
@@ -75,6 +81,7 @@ private:
     PasswordGate gate_;
     RecoveryReport recovery_;
     bool recovered_ = false;
+    bool migrationWaitsForOpenItems_ = false;
     // Declared before the engine, so that the engine is gone before the lock is let go.
     std::unique_ptr<SupportLock> supportLock_;
     std::unique_ptr<Locker> locker_;

@@ -93,6 +93,10 @@ int CommandLine::run(std::vector<std::string> words, CommandContext::Settings se
                              name);
 
         CommandContext context(std::move(settings), cancel, in, err);
+        struct Finish {
+            CommandContext& context;
+            ~Finish() { context.finish(); }
+        } finish{context};
         return command->second(context, words, in, out, err);
     } catch (const UsageError& error) {
         err << "corvane: " << error.what() << "\n"

@@ -124,6 +124,8 @@ protected:
     ScopedVariable support{"CORVANE_SUPPORT_DIR", root / "Support"};
     ScopedVariable home{"HOME", root / "Home"};
     ScopedVariable config{"XDG_CONFIG_HOME", root / "Config"};
+    // Where the file manager's menu reads what is open.
+    ScopedVariable runtime{"XDG_RUNTIME_DIR", root / "Runtime"};
     // Each test its own keyring item, so no test sees another's password.
     ScopedVariable service{"CORVANE_KEYCHAIN_SERVICE", "corvane-test:" + root.path()};
     // No fingerprint reader unless a test brings its own bus.

@@ -208,8 +208,13 @@ TEST_F(CliPasswordTest, PasswordChangeMovesEveryItemAndAnUnreachableOneLater) {
               "C could not be updated yet. Corvane will try again next time it opens.\n" +
                   PasswordRules::stillMigratingMessage({"C"}) + "\n");
 
-    // Once C is back, the next command moves it and the old password leaves the record.
+    // C comes back while A is open: closing A lets the update finish, the old password leaves
+    // the record, and nothing asks for the lock just done.
+    EXPECT_EQ(run({"--password-stdin", "unlock", items[0]}, "long enough\n").status, 0);
     std::filesystem::rename(root / "Elsewhere.corvlock", items[2]);
+    Outcome lockAll = run({"lock-now", "--all"});
+    EXPECT_EQ(lockAll.status, 0) << lockAll.err;
+    EXPECT_EQ(lockAll.err.find("Lock every unlocked item"), std::string::npos) << lockAll.err;
     EXPECT_EQ(listed()[2]["passwordGeneration"], 2);
     EXPECT_EQ(store.load(), changed.migrated());
     for (const auto& item : items) {

@@ -8,6 +8,7 @@
 #include "CliFixture.h"
 #include "Engine/AppPaths.h"
 #include "Engine/Locker.h"
+#include "Records/SharedState.h"
 #include "Records/SupportLock.h"
 
 namespace corvane {
@@ -69,12 +70,15 @@ TEST_F(CliCommandTest, LockListUnlockCloseAndRemove) {
         EXPECT_EQ(unlock.out, contents + "\n");
         EXPECT_EQ(readFile(contents + "/Sub/data.bin"), data);
         EXPECT_EQ(listed()[0]["state"], "open");
+        auto menuSees = [] { return SharedState::read(SharedState::defaultURL())->unlockedPaths; };
+        EXPECT_EQ(menuSees(), std::vector<std::string>{locked}) << "the menu offers Lock Now";
 
         std::string which = how == "locked item" ? locked : how == "mount point" ? contents : how;
         Outcome close = run({"lock-now", which});
         EXPECT_EQ(close.status, 0) << how << ": " << close.err;
         EXPECT_EQ(close.out, locked + "\n") << how;
         EXPECT_EQ(listed()[0]["state"], "locked") << how;
+        EXPECT_EQ(menuSees(), std::vector<std::string>{}) << how;
         EXPECT_FALSE(std::filesystem::exists(contents + "/notes.txt")) << how;
     }
     Outcome notOpen = run({"lock-now", locked});
