@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <climits>
 #include <cstring>
 #include <ctime>
 #include <regex>
@@ -18,6 +19,7 @@
 #include "Records/JSONCodec.h"
 #include "Records/OperationJournal.h"
 #include "Records/SharedState.h"
+#include "Records/UserSettings.h"
 #include "TestSupport.h"
 
 // Every umask call the process makes, counted on its way to the C library.
@@ -230,6 +232,29 @@ std::string goldenWith(const std::string& file,
     auto record = nlohmann::json::parse(readFile(kData + "/" + file))[0];
     change(record);
     return nlohmann::json::array({record}).dump();
+}
+
+// Any stored integer keeps its meaning; only a missing value or one of another kind is the default.
+TEST(UserSettings, ReadsWhatIsStoredAndDefaultsOnlyWhatIsNot) {
+    const std::tuple<const char*, int, bool> rows[] = {
+        {R"({"corvane.idleMinutes":5,"corvane.touchIDEnabled":false})", 5, false},
+        {R"({"corvane.idleMinutes":0})", 0, true},
+        {R"({"corvane.idleMinutes":-3})", -3, true},
+        {R"({"corvane.idleMinutes":5000000})", 5000000, true},
+        {R"({"corvane.idleMinutes":18446744073709551615})", INT_MAX, true},
+        {R"({"corvane.idleMinutes":-9223372036854775808})", INT_MIN, true},
+        {R"({"corvane.idleMinutes":5.5,"corvane.touchIDEnabled":"no"})", 15, true},
+        {R"({"corvane.idleMinutes":"5"})", 15, true},
+        {R"({})", 15, true},
+        {R"([5])", 15, true},
+    };
+    TempDir dir;
+    for (const auto& [contents, minutes, fingerprint] : rows) {
+        writeFile(dir / "settings.json", contents);
+        UserSettings settings(dir / "settings.json");
+        EXPECT_EQ(settings.idleMinutes(), minutes) << contents;
+        EXPECT_EQ(settings.touchIDEnabled(), fingerprint) << contents;
+    }
 }
 
 TEST(JSONCodec, UndecodableRecordFilesAreSetAsideNotDeleted) {

@@ -1,6 +1,9 @@
 #include "Records/UserSettings.h"
 
+#include <algorithm>
+#include <cstdint>
 #include <cstdlib>
+#include <limits>
 
 #include "Engine/AppPaths.h"
 #include "Records/JSONCodec.h"
@@ -30,10 +33,13 @@ int UserSettings::idleMinutes() const {
     if (!value) return defaultIdleMinutes;
     auto found = value->find(idleMinutesKey);
     if (found == value->end() || !found->is_number_integer()) return defaultIdleMinutes;
-    auto minutes = found->get<std::int64_t>();
-    // A count of minutes nobody could mean is not an integer this program can use either.
-    if (minutes < 0 || minutes > 1'000'000) return defaultIdleMinutes;
-    return static_cast<int>(minutes);
+    // Every integer keeps its meaning: none or below one is never, and one past what an int
+    // holds is as good as never too.
+    constexpr std::int64_t most = std::numeric_limits<int>::max();
+    if (found->is_number_unsigned())
+        return static_cast<int>(std::min<std::uint64_t>(found->get<std::uint64_t>(), most));
+    return static_cast<int>(std::clamp<std::int64_t>(found->get<std::int64_t>(),
+                                                     std::numeric_limits<int>::min(), most));
 }
 
 bool UserSettings::touchIDEnabled() const {

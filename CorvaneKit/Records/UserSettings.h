@@ -26,7 +26,7 @@ public:
 
     const std::string& path() const { return path_; }
 
-    // The stored value when present and an integer, else 15.
+    // The stored value when present and an integer (held within an int), else 15.
     int idleMinutes() const;
     // The stored value when present and a Boolean, else true.
     bool touchIDEnabled() const;
