@@ -5,7 +5,9 @@
 
 #include <signal.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <system_error>
@@ -66,7 +68,7 @@ TEST(ProcessRunner, ReportsOutputAndStatus) {
         {"child has the default SIGPIPE", sh("yes | head -n1"), {}, "y\n", 0},
         // A Ctrl-C can reach the child before it leaves the terminal's group; the user's Cancel
         // ends it, never the signal.
-        {"terminal signals stay blocked",
+        {"terminal signals are ignored",
          sh("kill -INT $$; kill -HUP $$; kill -QUIT $$; echo on"),
          {},
          "on\n",
@@ -85,6 +87,40 @@ TEST(ProcessRunner, ReportsOutputAndStatus) {
     // A bare name is not looked up on PATH, and a launch failure is the system's error.
     EXPECT_THROW(ProcessRunner::run("sleep", {"0"}), std::system_error);
     EXPECT_THROW(ProcessRunner::run("/nonexistent/sleep", {"0"}), std::system_error);
+}
+
+// Ctrl-C typed at the terminal the instant a tool starts reaches the new child while it is still
+// in our group; a tool that then unblocks the signal, as gocryptfs's runtime does, must not die of
+// it. Run in a process of its own, in a group of its own, which a flood of SIGINT never leaves.
+TEST(ProcessRunner, ATerminalInterruptAsAToolStartsNeverEndsIt) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            setpgid(0, 0);
+            signal(SIGINT, [](int) {});
+            std::atomic<bool> done{false};
+            // Every few microseconds: often enough to land in each child's first moments, seldom
+            // enough to let this process's own sleeps end.
+            std::thread interrupter([&] {
+                while (!done) {
+                    kill(0, SIGINT);
+                    std::this_thread::sleep_for(std::chrono::microseconds(20));
+                }
+            });
+            const std::string unblocksAndWaits =
+                "import signal, time\n"
+                "signal.signal(signal.SIGINT, signal.SIG_DFL)\n"
+                "signal.pthread_sigmask(signal.SIG_UNBLOCK, [signal.SIGINT])\n"
+                "time.sleep(0.01)\n";
+            int ended = 0;
+            for (int run = 0; run < 60; ++run)
+                if (ProcessRunner::run("/usr/bin/python3", {"-c", unblocksAndWaits}).status != 0)
+                    ++ended;
+            done = true;
+            interrupter.join();
+            std::exit(ended);
+        },
+        ::testing::ExitedWithCode(0), "");
 }
 
 TEST(ProcessRunner, TimeoutAndCancelEndTheChild) {

@@ -20,13 +20,18 @@ public:
 
     posix_spawn_file_actions_t* actions() { return &actions_; }
 
-    // For a child in a group of its own: the terminal's signals (Ctrl-C, Ctrl-\, a hang-up) stay
-    // blocked in it. One that reaches this process's group while the child is still in it, before
-    // the group change, would otherwise be delivered the moment the child unblocks, and end it.
-    void keepTerminalSignalsBlocked();
-
     // posix_spawn's error number: 0 once `child` runs.
     int start(pid_t& child, const char* program, char* const argv[]);
+
+    // A tool in a process group of its own, with `input` as its standard input and `output` as
+    // both its outputs, that the terminal's signals (Ctrl-C, Ctrl-\, a hang-up) never end: they
+    // reach the user's Cancel instead. One typed while the new child was still in this process's
+    // group stays pending in it, and a program that unblocks it at start (as Go's runtime does
+    // for a signal it watches) would die of it; the child therefore ignores them, which also
+    // discards a pending one, before it runs the tool. Nothing else is blocked or ignored, so a
+    // cancel's SIGTERM ends it. The error number when it could not be started, else 0.
+    static int startInOwnGroup(pid_t& child, const char* program, char* const argv[], int input,
+                               int output);
 
 private:
     posix_spawn_file_actions_t actions_;

@@ -103,13 +103,9 @@ pid_t spawn(const std::string& executablePath, const std::vector<std::string>& a
     argv.push_back(nullptr);
 
     // Its own process group, so a Ctrl-C at the terminal reaches the user's Cancel, not the tool.
-    ChildSpawn spawn(POSIX_SPAWN_SETPGROUP);
-    spawn.keepTerminalSignalsBlocked();
-    posix_spawn_file_actions_adddup2(spawn.actions(), input, STDIN_FILENO);
-    posix_spawn_file_actions_adddup2(spawn.actions(), output, STDOUT_FILENO);
-    posix_spawn_file_actions_adddup2(spawn.actions(), output, STDERR_FILENO);
     pid_t child = 0;
-    int error = spawn.start(child, executablePath.c_str(), argv.data());
+    int error =
+        ChildSpawn::startInOwnGroup(child, executablePath.c_str(), argv.data(), input, output);
     if (error != 0) throw std::system_error(error, std::generic_category(), executablePath);
     return child;
 }
