@@ -1,6 +1,8 @@
 // corvane-app: the tray application. One copy runs per user; a second one brings the first one's
 // window forward and ends. --self-test checks the shared state's folder and exits;
 // --background (used at login) starts without opening the item list.
+#include <sys/prctl.h>
+
 #include <QApplication>
 #include <QIcon>
 #include <cstring>
@@ -38,6 +40,8 @@ bool hasArgument(int argc, char** argv, const char* wanted) {
 
 int main(int argc, char** argv) {
     if (hasArgument(argc, argv, "--self-test")) return SelfTest::run(std::cout);
+    // The password passes through this process: a crash must not write it to disk.
+    prctl(PR_SET_DUMPABLE, 0, 0, 0, 0);
 
     QApplication application(argc, argv);
     QApplication::setApplicationName("Corvane");

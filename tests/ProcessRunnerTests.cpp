@@ -3,7 +3,10 @@
 // that its output goes through.
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -17,6 +20,7 @@
 #include "FileSystem/ProcessRunner.h"
 #include "Records/CorvaneError.h"
 #include "Records/UTF8.h"
+#include "TestSupport.h"
 
 namespace corvane {
 namespace {
@@ -121,6 +125,29 @@ TEST(ProcessRunner, ATerminalInterruptAsAToolStartsNeverEndsIt) {
             std::exit(ended);
         },
         ::testing::ExitedWithCode(0), "");
+}
+
+// A process that keeps itself out of core dumps closes its descriptors to every other process,
+// its children too: a tool reaches a folder held open by starting in it.
+TEST(ProcessRunner, AChildStartsInTheFolderHeldOpenByAnUndumpableParent) {
+    testing::TempDir dir;
+    chmod(dir.path().c_str(), 0777);
+    testing::writeFile(dir / "held/file", "content");
+    chmod((dir / "held").c_str(), 0777);
+    chmod((dir / "held/file").c_str(), 0644);
+    EXPECT_EQ(testing::outcomeInChild(
+                  [&] {
+                      prctl(PR_SET_DUMPABLE, 0, 0, 0, 0);
+                      int folder = open((dir / "held").c_str(), O_RDONLY | O_DIRECTORY);
+                      auto started = ProcessRunner::run("/bin/cat", {"./file"}, std::nullopt, 30.0,
+                                                        nullptr, nullptr, folder);
+                      auto viaProc = ProcessRunner::run(
+                          "/bin/cat", {"/proc/" + std::to_string(getpid()) + "/fd/" +
+                                       std::to_string(folder) + "/file"});
+                      return started.output + (viaProc.status == 0 ? " and through /proc" : "");
+                  },
+                  true),
+              "content");
 }
 
 TEST(ProcessRunner, TimeoutAndCancelEndTheChild) {

@@ -24,7 +24,8 @@ public:
     const std::string& path() const { return path_; }
 
     // A path to `name` that reaches it through the descriptor, whatever the folder's path now
-    // leads to. It stays valid for child processes of this user while the folder is open.
+    // leads to; for this process alone (another one may not read its descriptors). A child
+    // process starts in the folder instead (ProcessRunner's working folder).
     std::string anchored(const std::string& name) const;
 
     // Throws unless the folder's path still leads to the very folder opened at the start.

@@ -135,8 +135,22 @@ void Locker::copy(const std::string& source, const std::string& destination,
                   const std::function<void(std::int64_t written)>& written) const {
     struct stat status {};
     bool isFolder = lstat(source.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+    // cp starts in the folder held open and names what lies in it relative to there: a path
+    // through this process's descriptors is closed to another process while this one keeps
+    // itself out of core dumps.
+    const std::string anchor = folder.anchored("");
+    const std::string shown = folder.path() == "/" ? "/" : folder.path() + "/";
+    std::vector<std::pair<std::string, std::string>> named;  // as cp was given it, as shown
+    auto inFolder = [&](const std::string& path) {
+        if (!path.starts_with(anchor)) return path;
+        const std::string inside = path.substr(anchor.size());
+        const std::string top = inside.substr(0, inside.find('/'));
+        named.emplace_back("./" + top, shown + top);
+        return "./" + inside;
+    };
     // A folder's contents go into the destination folder itself; a file becomes the destination.
-    std::vector<std::string> arguments{"-a", "--", isFolder ? source + "/." : source, destination};
+    std::vector<std::string> arguments{"-a", "--", inFolder(isFolder ? source + "/." : source),
+                                       inFolder(destination)};
     // cp's own count of the bytes it has written, read while it runs.
     std::int64_t most = 0;
     ProcessRunner::Watch watch;
@@ -145,15 +159,15 @@ void Locker::copy(const std::string& source, const std::string& destination,
             if (auto count = ProcessIO::bytesWritten(child); count && *count > most)
                 written(most = *count);
         };
-    ProcessResult result =
-        ProcessRunner::run("/bin/cp", arguments, std::nullopt, std::nullopt, cancel, watch);
+    ProcessResult result = ProcessRunner::run("/bin/cp", arguments, std::nullopt, std::nullopt,
+                                              cancel, watch, folder.descriptor());
     if (result.status == 0) return;
     // cp names the paths it was given; the user knows the folder by its own path.
     std::string report = result.output;
-    const std::string anchor = folder.anchored("");
-    const std::string shown = folder.path() == "/" ? "/" : folder.path() + "/";
-    for (auto at = report.find(anchor); at != std::string::npos; at = report.find(anchor, at))
-        report.replace(at, anchor.size(), shown);
+    for (const auto& [given, path] : named)
+        for (auto at = report.find(given); at != std::string::npos;
+             at = report.find(given, at + path.size()))
+            report.replace(at, given.size(), path);
     throw CorvaneError::copyFailed(DiskImageTool::clean(UTF8::lenient(report)));
 }
 

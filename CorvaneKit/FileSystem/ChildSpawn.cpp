@@ -37,7 +37,7 @@ int ChildSpawn::start(pid_t& child, const char* program, char* const argv[]) {
 }
 
 int ChildSpawn::startInOwnGroup(pid_t& child, const char* program, char* const argv[], int input,
-                                int output) {
+                                int output, int workingFolder) {
     // The child reports a failed exec through this pipe; a successful one closes it empty.
     int report[2];
     if (pipe2(report, O_CLOEXEC) != 0) return errno;
@@ -61,7 +61,7 @@ int ChildSpawn::startInOwnGroup(pid_t& child, const char* program, char* const a
                 nullptr);
         int error = 0;
         if (dup2(input, STDIN_FILENO) < 0 || dup2(output, STDOUT_FILENO) < 0 ||
-            dup2(output, STDERR_FILENO) < 0)
+            dup2(output, STDERR_FILENO) < 0 || (workingFolder >= 0 && fchdir(workingFolder) != 0))
             error = errno;
         sigset_t none;
         sigemptyset(&none);

@@ -29,9 +29,10 @@ public:
     // group stays pending in it, and a program that unblocks it at start (as Go's runtime does
     // for a signal it watches) would die of it; the child therefore ignores them, which also
     // discards a pending one, before it runs the tool. Nothing else is blocked or ignored, so a
-    // cancel's SIGTERM ends it. The error number when it could not be started, else 0.
+    // cancel's SIGTERM ends it. It starts in the folder open as `workingFolder` unless that is
+    // -1. The error number when it could not be started, else 0.
     static int startInOwnGroup(pid_t& child, const char* program, char* const argv[], int input,
-                               int output);
+                               int output, int workingFolder = -1);
 
 private:
     posix_spawn_file_actions_t actions_;

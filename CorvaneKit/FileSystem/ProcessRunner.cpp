@@ -96,7 +96,7 @@ int waitForExit(pid_t child) {
 }
 
 pid_t spawn(const std::string& executablePath, const std::vector<std::string>& arguments, int input,
-            int output) {
+            int output, int workingFolder) {
     std::vector<char*> argv;
     argv.push_back(const_cast<char*>(executablePath.c_str()));
     for (const auto& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
@@ -104,8 +104,8 @@ pid_t spawn(const std::string& executablePath, const std::vector<std::string>& a
 
     // Its own process group, so a Ctrl-C at the terminal reaches the user's Cancel, not the tool.
     pid_t child = 0;
-    int error =
-        ChildSpawn::startInOwnGroup(child, executablePath.c_str(), argv.data(), input, output);
+    int error = ChildSpawn::startInOwnGroup(child, executablePath.c_str(), argv.data(), input,
+                                            output, workingFolder);
     if (error != 0) throw std::system_error(error, std::generic_category(), executablePath);
     return child;
 }
@@ -128,7 +128,7 @@ std::string ProcessRunner::joinedInput(std::initializer_list<std::string_view> p
 ProcessResult ProcessRunner::run(const std::string& executablePath,
                                  const std::vector<std::string>& arguments,
                                  std::optional<std::string> input, std::optional<double> timeout,
-                                 const CancelToken* cancel, const Watch& watch) {
+                                 const CancelToken* cancel, const Watch& watch, int workingFolder) {
     // Whatever the child was given is not left in memory that is reused later.
     struct Wipe {
         std::optional<std::string>& text;
@@ -144,7 +144,8 @@ ProcessResult ProcessRunner::run(const std::string& executablePath,
     OutputBuffer buffer(outputPipe.readEnd());
     pid_t child = 0;
     try {
-        child = spawn(executablePath, arguments, inputPipe.readEnd(), outputPipe.writeEnd());
+        child = spawn(executablePath, arguments, inputPipe.readEnd(), outputPipe.writeEnd(),
+                      workingFolder);
     } catch (...) {
         outputPipe.closeWrite();  // lets the reader see the end
         buffer.finish();

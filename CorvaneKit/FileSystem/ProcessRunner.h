@@ -29,11 +29,13 @@ struct ProcessRunner {
     // (after the child has exited) when `cancel` was cancelled. A non-zero status is no error here:
     // the caller says what it means. A child that ignores SIGTERM keeps the call waiting.
     // `input` is usually a password: this copy is wiped as soon as it is written, or given up.
+    // The child starts in the folder open as `workingFolder`, when one is given.
     static ProcessResult run(const std::string& executablePath,
                              const std::vector<std::string>& arguments,
                              std::optional<std::string> input = std::nullopt,
                              std::optional<double> timeout = std::nullopt,
-                             const CancelToken* cancel = nullptr, const Watch& watch = nullptr);
+                             const CancelToken* cancel = nullptr, const Watch& watch = nullptr,
+                             int workingFolder = -1);
 
     // `parts`, each followed by `terminator`, built in one allocation so that no partial copy of
     // a password is left behind in freed memory. Give it to run() with std::move.
