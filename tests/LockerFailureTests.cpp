@@ -145,6 +145,15 @@ const RefusalCase kRefusals[] = {
                    "again."},
                   {f.home + "/Other", reserved}}};
      }},
+    {"ReadOnlyFolder",
+     [](F& f, Locker&) -> Arranged {
+         f.makeSample(f.home + "/Shared/Taxes");
+         chmod((f.home + "/Shared").c_str(), 0555);
+         if (access((f.home + "/Shared").c_str(), W_OK) == 0) return std::nullopt;  // privileged
+         return {{{f.home + "/Shared/Taxes", CorvaneError::refused(LockRefusal::folderNotWritable),
+                   "Corvane cannot write in the folder that holds this item; move the item to a "
+                   "folder you can change, then try again."}}};
+     }},
     {"MountInside",
      [](F& f, Locker&) -> Arranged {
          f.makeSample(f.home + "/Elsewhere");

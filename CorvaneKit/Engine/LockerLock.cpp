@@ -196,6 +196,10 @@ LockedItem Locker::lock(const std::string& path, const std::string& password,
     const Folder parent(parentPath);
 
     refuseWhatCannotBeKept(item);
+    // The image is made beside the item, and the original leaves from there.
+    if (faccessat(parent.descriptor(), ".", W_OK | X_OK, AT_EACCESS) != 0 &&
+        (errno == EACCES || errno == EPERM || errno == EROFS))
+        throw CorvaneError::refused(LockRefusal::folderNotWritable);
     refuseMountsInside(*tool, item, name);
     refuseFinderLocked(item, name);
     const std::vector<std::string> closedFolders = refuseWhatIsInside(item, name);

@@ -22,6 +22,7 @@ std::string_view LockRefusals::rawValue(LockRefusal refusal) {
         case LockRefusal::nameNotText: return "nameNotText";
         case LockRefusal::holdsReservedName: return "holdsReservedName";
         case LockRefusal::lockedItemShortcut: return "lockedItemShortcut";
+        case LockRefusal::folderNotWritable: return "folderNotWritable";
     }
     return {};
 }
@@ -66,6 +67,9 @@ std::string_view LockRefusals::message(LockRefusal refusal, const Wording& wordi
                    "again.";
         case LockRefusal::lockedItemShortcut:
             return "This is a shortcut to a locked item. Choose the locked item itself instead.";
+        case LockRefusal::folderNotWritable:
+            return "Corvane cannot write in the folder that holds this item; move the item to a "
+                   "folder you can change, then try again.";
     }
     return {};
 }

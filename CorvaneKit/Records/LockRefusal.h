@@ -31,6 +31,8 @@ enum class LockRefusal {
     holdsReservedName,
     // A link given to unlock or remove the lock, which would act on whatever it points at.
     lockedItemShortcut,
+    // The locked item is made beside the item: its folder must be open to changes.
+    folderNotWritable,
 };
 
 struct LockRefusals {
@@ -44,6 +46,7 @@ struct LockRefusals {
         LockRefusal::insideLockedItem,  LockRefusal::tooLarge,
         LockRefusal::shortcut,          LockRefusal::nameNotText,
         LockRefusal::holdsReservedName, LockRefusal::lockedItemShortcut,
+        LockRefusal::folderNotWritable,
     };
 
     static std::string_view rawValue(LockRefusal refusal);
