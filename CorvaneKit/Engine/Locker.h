@@ -171,6 +171,9 @@ private:
     static std::string lockedItemPath(const std::string& path);
     // The same, also for the place an indexed item was locked from.
     std::string lockedItemOrOriginal(const std::string& path) const;
+    // Refuses a locked item attached anywhere but at one of this engine's mount points: it is
+    // open in another Corvane, whose writes a second attachment or a restore would lose.
+    void refuseOpenElsewhere(const std::string& locked) const;
 
     // changePassword for the items `only` accepts (all when it is empty).
     std::map<Uuid, CorvaneError> rekey(const std::string& from, const std::string& to,

@@ -3,14 +3,17 @@
 // item is visible is undone completely; after that nothing is undone and recovery finishes.
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <climits>
 #include <cerrno>
 #include <chrono>
 #include <filesystem>
 #include <thread>
 
+#include "Engine/ItemClaim.h"
 #include "Engine/Locker.h"
 #include "FileSystem/CloudFiles.h"
 #include "FileSystem/DiskImageTool.h"
@@ -71,13 +74,26 @@ void refuseFinderLocked(const std::string& item, const std::string& name) {
         throw CorvaneError::finderLocked(name);
 }
 
+// Whether this process may read an entry as the copy does: a file's bytes, a folder's names and
+// what lies in it. Only entries whose owner bits do not already say so cost a system call.
+bool readable(const std::string& path, const struct stat& status) {
+    const bool folder = S_ISDIR(status.st_mode);
+    if (!folder && !S_ISREG(status.st_mode)) return true;  // links, devices and pipes are not read
+    const mode_t needed = folder ? S_IRUSR | S_IXUSR : S_IRUSR;
+    if (status.st_uid == geteuid() && (status.st_mode & needed) == needed) return true;
+    return faccessat(AT_FDCWD, path.c_str(), folder ? R_OK | X_OK : R_OK, AT_EACCESS) == 0;
+}
+
 // One walk for what is refused inside an item. A "._" name or a marked file ends it at once; a
 // hard-linked file is reported only when neither turns up, as two walks in turn would report it.
+// `reach` is the longest path the copy and the check put in front of a path inside the item.
 // Also returns the folders inside that their owner may not write to or search, which the copy has
 // to prepare (see prepareClosedFolders).
-std::vector<std::string> refuseWhatIsInside(const std::string& item, const std::string& name) {
+std::vector<std::string> refuseWhatIsInside(const std::string& item, const std::string& name,
+                                            std::size_t reach) {
     if (name.starts_with("._")) throw CorvaneError::containsAppleDouble(name);
     std::optional<Locker::Found> found;
+    std::optional<LockRefusal> refusal;
     bool hardLinked = false;
     std::vector<std::string> closedFolders;
     struct Stop {};
@@ -89,6 +105,11 @@ std::vector<std::string> refuseWhatIsInside(const std::string& item, const std::
             else if (!entry.problem && Locker::isMarkedUnchangeable(item + "/" + path))
                 found = Locker::Found::finderLocked;
             if (found) throw Stop{};
+            if (reach + 1 + path.size() >= PATH_MAX)
+                refusal = refusal.value_or(LockRefusal::nestedTooDeeply);
+            else if (entry.problem ? *entry.problem != ENOENT
+                                   : !readable(item + "/" + path, entry.info))
+                refusal = refusal.value_or(LockRefusal::holdsUnreadable);
             if (entry.problem) return FileWalk::Next::descend;
             hardLinked = hardLinked || (S_ISREG(entry.info.st_mode) && entry.info.st_nlink > 1);
             if (S_ISDIR(entry.info.st_mode) && (entry.info.st_mode & S_IRWXU) != S_IRWXU)
@@ -103,6 +124,7 @@ std::vector<std::string> refuseWhatIsInside(const std::string& item, const std::
     if (hardLinked ||
         (lstat(item.c_str(), &status) == 0 && S_ISREG(status.st_mode) && status.st_nlink >= 2))
         throw CorvaneError::hardLinked(name);
+    if (refusal) throw CorvaneError::refused(*refusal);
     return closedFolders;
 }
 
@@ -162,6 +184,11 @@ void Locker::copy(const std::string& source, const std::string& destination,
     ProcessResult result = ProcessRunner::run("/bin/cp", arguments, std::nullopt, std::nullopt,
                                               cancel, watch, folder.descriptor());
     if (result.status == 0) return;
+    // cp's own words for a full disk depend on the user's language; the disk's free space does not.
+    if (struct statvfs space {}; fstatvfs(folder.descriptor(), &space) == 0 &&
+                                 space.f_bavail * space.f_frsize < 1'048'576)
+        throw CorvaneError::copyFailed(
+            "the disk became full, so nothing was changed; free some space, then try again.");
     // cp names the paths it was given; the user knows the folder by its own path.
     std::string report = result.output;
     for (const auto& [given, path] : named)
@@ -194,6 +221,7 @@ LockedItem Locker::lock(const std::string& path, const std::string& password,
     const std::string name = lastPathComponent(item);
     // From here on the item is reached through its folder's descriptor, never its path again.
     const Folder parent(parentPath);
+    const ItemClaim claim(parent, name);
 
     refuseWhatCannotBeKept(item);
     // The image is made beside the item, and the original leaves from there.
@@ -202,7 +230,13 @@ LockedItem Locker::lock(const std::string& path, const std::string& password,
         throw CorvaneError::refused(LockRefusal::folderNotWritable);
     refuseMountsInside(*tool, item, name);
     refuseFinderLocked(item, name);
-    const std::vector<std::string> closedFolders = refuseWhatIsInside(item, name);
+    if (struct stat status {}; lstat(item.c_str(), &status) == 0 && !readable(item, status))
+        throw CorvaneError::refused(LockRefusal::holdsUnreadable);
+    // The copy names the item's entries from its folder's descriptor, and from a mount point
+    // named by a 36-character id.
+    const std::size_t reach =
+        name.size() + std::max(parent.anchored("").size() + 3, mountsRoot.size() + 1 + 36);
+    const std::vector<std::string> closedFolders = refuseWhatIsInside(item, name, reach);
 
     bool downloaded = false;
     if (auto pending = CloudFiles::notDownloaded(item); !pending.empty()) {

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <chrono>
 
+#include "Engine/ItemClaim.h"
 #include "Engine/Locker.h"
 #include "Records/CorvaneError.h"
 #include "Records/Locator.h"
@@ -28,9 +29,21 @@ std::string Locker::lockedItemOrOriginal(const std::string& path) const {
     return lockedItemPath(path);  // says why it is no locked item
 }
 
+void Locker::refuseOpenElsewhere(const std::string& locked) const {
+    const std::string image = canonicalPath(locked);
+    const std::string ours = canonicalPath(mountsRoot) + "/";
+    for (const auto& attached : tool->attachedImages())
+        if (canonicalPath(attached.imagePath) == image &&
+            !canonicalPath(attached.mountPoint).starts_with(ours))
+            throw CorvaneError::refused(LockRefusal::openElsewhere);
+}
+
 OpenItem Locker::unlock(const std::string& given, const std::string& password) {
     requireUsablePassword(password);
     const std::string path = lockedItemOrOriginal(given);
+    const Folder folder(parentPath(path));
+    const ItemClaim claim(folder, lastPathComponent(path));
+    refuseOpenElsewhere(path);
 
     std::optional<LockedItem> record = index.item(path);
     if (record) {

@@ -21,6 +21,7 @@
 #include <cstdint>
 #include <filesystem>
 
+#include "Engine/ItemClaim.h"
 #include "Engine/Locker.h"
 #include "FileSystem/DiskImageTool.h"
 #include "FileSystem/ItemFacts.h"
@@ -95,6 +96,8 @@ std::string Locker::removeLock(const std::string& path, const std::string& passw
     const std::string parentPath = corvane::parentPath(locked);
     const std::string lockedName = lastPathComponent(locked);
     const Folder parent(parentPath);
+    const ItemClaim claim(parent, lockedName);
+    refuseOpenElsewhere(locked);
 
     std::optional<LockedItem> record = index.item(locked);
     // Recovery knows the record by the path it works on: one the user renamed is brought up to

@@ -23,6 +23,10 @@ std::string_view LockRefusals::rawValue(LockRefusal refusal) {
         case LockRefusal::holdsReservedName: return "holdsReservedName";
         case LockRefusal::lockedItemShortcut: return "lockedItemShortcut";
         case LockRefusal::folderNotWritable: return "folderNotWritable";
+        case LockRefusal::holdsUnreadable: return "holdsUnreadable";
+        case LockRefusal::nestedTooDeeply: return "nestedTooDeeply";
+        case LockRefusal::busyElsewhere: return "busyElsewhere";
+        case LockRefusal::openElsewhere: return "openElsewhere";
     }
     return {};
 }
@@ -70,6 +74,17 @@ std::string_view LockRefusals::message(LockRefusal refusal, const Wording& wordi
         case LockRefusal::folderNotWritable:
             return "Corvane cannot write in the folder that holds this item; move the item to a "
                    "folder you can change, then try again.";
+        case LockRefusal::holdsUnreadable:
+            return "Corvane cannot read some of the files or folders in this item; give yourself "
+                   "permission to read them, then try again.";
+        case LockRefusal::nestedTooDeeply:
+            return "This item holds folders nested too deeply for Linux to copy; move the deepest "
+                   "ones nearer the top or shorten their names, then try again.";
+        case LockRefusal::busyElsewhere:
+            return "Another Corvane is already working on this item; wait for it to finish, then "
+                   "try again.";
+        case LockRefusal::openElsewhere:
+            return "This item is open in another Corvane; lock it there, then try again.";
     }
     return {};
 }

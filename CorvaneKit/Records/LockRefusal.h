@@ -33,6 +33,12 @@ enum class LockRefusal {
     lockedItemShortcut,
     // The locked item is made beside the item: its folder must be open to changes.
     folderNotWritable,
+    // What a copy made as the user could not read, or reach within the system's path limit.
+    holdsUnreadable,
+    nestedTooDeeply,
+    // Another Corvane, with other records, works on the item or has it open.
+    busyElsewhere,
+    openElsewhere,
 };
 
 struct LockRefusals {
@@ -46,7 +52,9 @@ struct LockRefusals {
         LockRefusal::insideLockedItem,  LockRefusal::tooLarge,
         LockRefusal::shortcut,          LockRefusal::nameNotText,
         LockRefusal::holdsReservedName, LockRefusal::lockedItemShortcut,
-        LockRefusal::folderNotWritable,
+        LockRefusal::folderNotWritable, LockRefusal::holdsUnreadable,
+        LockRefusal::nestedTooDeeply,   LockRefusal::busyElsewhere,
+        LockRefusal::openElsewhere,
     };
 
     static std::string_view rawValue(LockRefusal refusal);
