@@ -17,7 +17,7 @@ Locker& CommandContext::locker(bool announce) {
     std::string support = AppPaths::support();
     try {
         supportLock_ = SupportLock::acquire(support);
-    } catch (const std::system_error& error) {
+    } catch (const std::runtime_error& error) {
         throw CommandFailure(error.what());
     }
     if (!supportLock_)

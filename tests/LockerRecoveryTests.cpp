@@ -105,7 +105,12 @@ TEST_P(LockerRecoveryInterruptedTest, EndsWithTheDataWholeInOnePlace) {
     locker.crashPoint = row.point;
     auto fail = [](auto&&...) { throw std::runtime_error("the disk went away"); };
     if (row.cause == Cause::flush) locker.flushVolume = fail;
-    if (row.cause == Cause::indexFile) std::filesystem::create_directories(support + "/items.json");
+    // An index behind a file where its folder should be can be neither read nor written.
+    const ItemIndex unusable(support + "/blocked/items.json");
+    if (row.cause == Cause::indexFile) {
+        writeFile(support + "/blocked", "");
+        locker.index = unusable;
+    }
     if (row.cause == Cause::deletion) locker.deleteRenamedOriginal = fail;
 
     auto interrupted = [&] {
@@ -175,9 +180,10 @@ TEST_P(LockerRecoveryInterruptedTest, EndsWithTheDataWholeInOnePlace) {
     Locker restarted = makeLocker();
     if (row.index == Index::unreadable) {
         const Names before = listing(home);
+        restarted.index = unusable;
         EXPECT_EQ(restarted.recover(), RecoveryReport{.keptForLater = 1});
         EXPECT_EQ(listing(home), before);
-        std::filesystem::remove(support + "/items.json");
+        restarted.index = ItemIndex(support + "/items.json");
     }
     RecoveryReport expected;
     (restoring ? (row.finished ? expected.finishedRestores : expected.discardedRestores)

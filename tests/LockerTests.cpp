@@ -55,8 +55,14 @@ TEST_F(LockerTest, FolderLocksOpensClosesAndRestoresIdentical) {
     EXPECT_FALSE(std::filesystem::exists(open.mountPoint));
 
     // Its record lost, as for an item locked on another computer: unlocking adopts it, once.
+    // And the mount points' folder is a link to elsewhere, which is kept aside, never followed.
     locker.index.save({});
+    std::filesystem::remove(support + "/Open");
+    std::filesystem::create_directory(root / "elsewhere");
+    ASSERT_EQ(symlink((root / "elsewhere").c_str(), (support + "/Open").c_str()), 0);
     open = locker.unlock("./Taxes.corvlock", kPassword);
+    EXPECT_TRUE(std::filesystem::is_directory(std::filesystem::symlink_status(support + "/Open")));
+    EXPECT_TRUE(std::filesystem::is_empty(root / "elsewhere"));
     auto records = locker.index.load();
     ASSERT_EQ(records.size(), 1u);
     EXPECT_EQ(records[0].lastKnownPath, home + "/Taxes.corvlock");

@@ -181,23 +181,33 @@ TEST(SupportLock, AFolderThatCannotBeMadeSaysWhy) {
     ASSERT_EQ(mkdir((dir / "lockIsFolder/.corvane.lock").c_str(), 0700), 0);
     ASSERT_EQ(mkdir((dir / "lockIsLink").c_str(), 0755), 0);
     ASSERT_EQ(symlink("../file", (dir / "lockIsLink/.corvane.lock").c_str()), 0);
-    const std::pair<std::string, std::string> rows[] = {
-        {dir / "file/corvane", "Not a directory"},
-        {dir / "readonly/corvane", "Permission denied"},
-        {dir / "lockIsFolder", "Is a directory"},
-        {dir / "lockIsLink", "Too many levels of symbolic links"},
+    ASSERT_EQ(mkdir((dir / "lockIsPipe").c_str(), 0755), 0);
+    ASSERT_EQ(mkfifo((dir / "lockIsPipe/.corvane.lock").c_str(), 0600), 0);
+    ASSERT_EQ(chmod((dir / "lockIsPipe/.corvane.lock").c_str(), 0666), 0);  // open to the reader
+    const auto notAFile = [](const std::string& support) {
+        return "Corvane cannot use its lock file " + support +
+               "/.corvane.lock, which is not a regular file; move it away, then try again.";
     };
-    for (const auto& [support, reason] : rows) {
+    const std::pair<std::string, std::string> rows[] = {
+        {dir / "file/corvane",
+         "Corvane could not create its folder " + dir / "file/corvane" + ": Not a directory"},
+        {dir / "readonly/corvane",
+         "Corvane could not create its folder " + dir / "readonly/corvane" + ": Permission denied"},
+        {dir / "lockIsFolder", notAFile(dir / "lockIsFolder")},
+        {dir / "lockIsLink", notAFile(dir / "lockIsLink")},
+        {dir / "lockIsPipe", notAFile(dir / "lockIsPipe")},
+    };
+    for (const auto& [support, sentence] : rows) {
         std::string outcome = outcomeInChild(
             [&]() -> std::string {
                 try {
                     return SupportLock::acquire(support) ? "acquired" : "held elsewhere";
-                } catch (const std::system_error& error) {
+                } catch (const std::runtime_error& error) {
                     return error.what();
                 }
             },
             true);
-        EXPECT_EQ(outcome, "Corvane could not create its folder " + support + ": " + reason);
+        EXPECT_EQ(outcome, sentence);
     }
     EXPECT_EQ(readFile(dir / "file"), "") << "the lock went through a link";
 }

@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <openssl/evp.h>
+#include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
@@ -128,6 +129,9 @@ std::optional<std::int64_t> Locker::availableSpace(const std::string& path) {
 }
 
 void Locker::makeMountPoint(const std::string& path) const {
+    // Only a folder of ours holds mount points: whatever else took its name is kept aside.
+    if (struct stat status {}; lstat(mountsRoot.c_str(), &status) == 0 && !S_ISDIR(status.st_mode))
+        JSONCodec::setAside(mountsRoot);
     JSONCodec::createDirectories(mountsRoot, 0700);
     JSONCodec::createDirectories(path, 0777);
 }

@@ -24,7 +24,7 @@ ItemIndex::Loaded ItemIndex::loadReportingDamage() const {
     std::optional<std::string> text;
     std::vector<LockedItem> items;
     try {
-        text = JSONCodec::readIfPresent(fileURL_, JSONCodec::engineRecordLimit);
+        text = JSONCodec::readRecord(fileURL_, JSONCodec::engineRecordLimit);
         if (!text) return {};
         items = JSONCodec::decodeArray<LockedItem>(*text, LockedItem::fromJSON);
     } catch (const DecodingError&) {

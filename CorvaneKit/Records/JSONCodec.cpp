@@ -253,6 +253,18 @@ std::optional<std::string> JSONCodec::readIfPresent(const std::string& path,
     return contents;
 }
 
+std::optional<std::string> JSONCodec::readRecord(const std::string& path,
+                                                 std::size_t maximumSize) {
+    try {
+        return readIfPresent(path, maximumSize);
+    } catch (const std::system_error& error) {
+        int code = error.code().value();
+        if (code == ELOOP || code == EISDIR || code == EINVAL)
+            throw DecodingError(path + " is not a regular file");
+        throw;
+    }
+}
+
 std::string JSONCodec::setAside(const std::string& path,
                                 std::chrono::system_clock::time_point now) {
     return firstFreeAsideName(path, now, [&](const std::string& candidate) {

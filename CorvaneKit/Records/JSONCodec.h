@@ -57,6 +57,12 @@ struct JSONCodec {
                                                     std::size_t maximumSize = engineRecordLimit,
                                                     struct stat* status = nullptr);
 
+    // One of our own records: as readIfPresent, but anything other than a regular file at the
+    // path (a link, a folder, a FIFO, a device) is damage, as malformed contents are, and throws
+    // DecodingError, so that it is set aside as they are.
+    static std::optional<std::string> readRecord(const std::string& path,
+                                                 std::size_t maximumSize);
+
     // Renames a damaged record to NAME.damaged-yyyyMMdd-HHmmss (then -2, -3 … when taken) in the
     // same folder and returns the new path. Never deletes; a failed rename throws and leaves the
     // file.
@@ -96,7 +102,7 @@ struct JSONCodec {
                                     std::size_t maximumSize = engineRecordLimit) {
         std::optional<std::vector<Record>> records;
         try {
-            auto text = readIfPresent(path, maximumSize);
+            auto text = readRecord(path, maximumSize);
             if (!text) return {};
             records = decodeArray<Record>(*text, decodeOne);
         } catch (const DecodingError&) {

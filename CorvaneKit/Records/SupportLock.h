@@ -16,7 +16,8 @@ public:
     // Creates the directory (0700) when missing and takes the lock. Nothing when another process
     // holds it. A directory or lock file that cannot be created or opened throws
     // std::system_error with the system's errno; its what() reads
-    // "Corvane could not create its folder DIRECTORY: REASON".
+    // "Corvane could not create its folder DIRECTORY: REASON". Something other than a file at the
+    // lock file's name throws std::runtime_error, whose what() says to move it away.
     static std::unique_ptr<SupportLock> acquire(const std::string& directory);
 
     ~SupportLock();

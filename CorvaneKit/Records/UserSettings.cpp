@@ -18,7 +18,7 @@ std::string UserSettings::defaultPath() {
 
 std::optional<nlohmann::json> UserSettings::stored() const {
     try {
-        auto text = JSONCodec::readIfPresent(path_, JSONCodec::smallRecordLimit);
+        auto text = JSONCodec::readRecord(path_, JSONCodec::smallRecordLimit);
         if (!text) return std::nullopt;
         auto value = JSONCodec::decode(*text);
         if (!value.is_object()) return std::nullopt;
@@ -62,7 +62,7 @@ void UserSettings::store(std::string_view key, nlohmann::json value) const {
     if (!settings) {
         // Whatever is there could not be read as settings: keep it for the user to look at.
         try {
-            if (JSONCodec::readIfPresent(path_, JSONCodec::smallRecordLimit))
+            if (JSONCodec::readRecord(path_, JSONCodec::smallRecordLimit))
                 JSONCodec::setAside(path_);
         } catch (const DecodingError&) {
             JSONCodec::setAside(path_);
