@@ -16,6 +16,7 @@
 #include <cstring>
 #include <thread>
 
+#include "Commands/SenderCheck.h"
 #include "Records/Paths.h"
 
 namespace corvane::app {
@@ -23,6 +24,7 @@ namespace corvane::app {
 struct InstanceChannel::Peer {
     int fd = -1;
     qint64 pid = 0;
+    std::optional<SenderCheck::Process> seen;  // the sender as it connected
     QByteArray received;
     QSocketNotifier* notifier = nullptr;
     QTimer* deadline = nullptr;
@@ -164,6 +166,7 @@ void InstanceChannel::accept() {
         auto peer = std::make_unique<Peer>();
         peer->fd = fd;
         peer->pid = credentials->pid;
+        peer->seen = SenderCheck::process(credentials->pid);
         peer->notifier = new QSocketNotifier(fd, QSocketNotifier::Read, this);
         connect(peer->notifier, &QSocketNotifier::activated, this, [this, id] { readFrom(id); });
         peer->deadline = new QTimer(this);
@@ -196,6 +199,11 @@ void InstanceChannel::readFrom(quint64 id) {
             return;
         }
         if (end < 0) continue;
+        // A sender that ran another program since it connected is not the one that connected.
+        if (SenderCheck::process(pid_t(peer.pid)) != peer.seen) {
+            drop(id);
+            return;
+        }
         QByteArray message = peer.received.left(end);
         if (message.endsWith('\r')) message.chop(1);
         qint64 pid = peer.pid;

@@ -1,8 +1,10 @@
 // A password while the command holds it: one buffer, large enough for the longest password
-// accepted, so that it never moves, and wiped when it goes away. Copies are made only on purpose.
+// accepted, so that it never moves, kept out of swap where the system allows it, and wiped when it
+// goes away. Copies are made only on purpose.
 #pragma once
 
 #include <string.h>
+#include <sys/mman.h>
 
 #include <string>
 #include <string_view>
@@ -13,7 +15,12 @@ namespace corvane::cli {
 
 class SecretText {
 public:
-    SecretText() { text_.reserve(PasswordRules::maximumBytes + 1); }
+    SecretText() {
+        text_.reserve(PasswordRules::maximumBytes + 1);
+        // Never unlocked: its pages may hold another secret's buffer, and locks do not nest. The
+        // command is short-lived, and a refusal (over the limit) leaves the wipe to do the work.
+        mlock(text_.data(), text_.capacity() + 1);
+    }
     explicit SecretText(std::string_view text) : SecretText() { text_.append(text); }
     SecretText(SecretText&& other) : SecretText(std::string_view(other.text_)) { other.wipe(); }
     SecretText& operator=(SecretText&& other) {

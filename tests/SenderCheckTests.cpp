@@ -36,10 +36,10 @@ struct Installation {
 };
 
 // `program` started through `shells`, outermost first, each staying the parent of the next (with
-// none, this process is its parent); the sender it is taken for. Ending the program lets each
-// level end and be reaped by the one above.
+// none, this process is its parent), with `environment` (NAME=VALUE) added to all of them; the
+// sender it is taken for. Ending the program lets each level end and be reaped by the one above.
 Sender senderOf(const std::vector<std::string>& shells, const std::string& program,
-                const Facts& facts) {
+                const Facts& facts, std::string environment = "") {
     std::vector<std::string> argv;
     for (const auto& shell : shells) argv.insert(argv.end(), {shell, "-c", "\"$@\"; :", shell});
     argv.insert(argv.end(),
@@ -51,6 +51,7 @@ Sender senderOf(const std::vector<std::string>& shells, const std::string& progr
         dup2(fds[1], 3);
         // Shells report the program's end by a signal; expected here.
         dup2(open("/dev/null", O_WRONLY | O_CLOEXEC), 2);
+        if (!environment.empty()) putenv(environment.data());
         std::vector<char*> args;
         for (auto& arg : argv) args.push_back(arg.data());
         args.push_back(nullptr);
@@ -97,8 +98,12 @@ TEST(SenderCheckTest, TheInstalledCommandCountsOnlyWhenAFileManagerStartedIt) {
         const char* startedBy;
         std::vector<std::string> shells;
         Sender expected;
+        const char* environment = "";
     } cases[] = {
         {"the file manager", {fm}, menu},
+        // Code loaded into the program could send anything in its name.
+        {"the file manager, preloading", {fm}, unknown, "LD_PRELOAD=/lib/x86_64-linux-gnu/libm.so.6"},
+        {"the file manager, auditing", {fm}, unknown, "LD_AUDIT=/nonexistent/audit.so"},
         {"three launchers", {fm, "/bin/sh", launcher, "/bin/bash"}, menu},
         {"four launchers", {fm, "/bin/sh", "/bin/sh", launcher, "/bin/bash"}, unknown},
         {"a terminal's shell", {installed.terminal, "/bin/sh"}, unknown},
@@ -106,7 +111,8 @@ TEST(SenderCheckTest, TheInstalledCommandCountsOnlyWhenAFileManagerStartedIt) {
         {"this test", {}, unknown},
     };
     for (const auto& each : cases)
-        EXPECT_EQ(senderOf(each.shells, installed.command, installed.facts), each.expected)
+        EXPECT_EQ(senderOf(each.shells, installed.command, installed.facts, each.environment),
+                  each.expected)
             << each.startedBy;
 }
 

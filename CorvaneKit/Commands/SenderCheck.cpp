@@ -19,6 +19,7 @@ namespace {
 
 constexpr std::size_t maximumStatSize = 4096;
 constexpr std::size_t maximumLinkSize = PATH_MAX;
+constexpr std::size_t maximumEnvironmentSize = 1 << 20;
 
 struct ProcessStat {
     pid_t parent = 0;
@@ -89,6 +90,28 @@ public:
         return path;
     }
 
+    // The environment the process started with, NUL-separated; nothing when it cannot be read or
+    // is larger than any a desktop gives.
+    std::optional<std::string> environment() const {
+        if (fd_ < 0) return std::nullopt;
+        int fd = openat(fd_, "environ", O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+        if (fd < 0) return std::nullopt;
+        std::string text(maximumEnvironmentSize + 1, '\0');
+        std::size_t size = 0;
+        bool failed = false;
+        while (size < text.size()) {
+            ssize_t n = read(fd, text.data() + size, text.size() - size);
+            if (n < 0 && errno == EINTR) continue;
+            failed = n < 0;
+            if (n <= 0) break;
+            size += std::size_t(n);
+        }
+        close(fd);
+        if (failed || size > maximumEnvironmentSize) return std::nullopt;
+        text.resize(size);
+        return text;
+    }
+
     // The program file itself, found by the kernel even where its path has changed.
     std::optional<struct stat> executable() const {
         struct stat status {};
@@ -146,11 +169,23 @@ bool startedByFileManager(ProcessStat child, const SenderCheck::Facts& facts) {
     }
 }
 
+bool preloadsCode(const ProcessHandle& process) {
+    auto environment = process.environment();
+    if (!environment) return true;
+    for (std::size_t at = 0; at < environment->size();) {
+        auto end = std::min(environment->find('\0', at), environment->size());
+        std::string_view entry(environment->data() + at, end - at);
+        if (entry.starts_with("LD_PRELOAD=") || entry.starts_with("LD_AUDIT=")) return true;
+        at = end + 1;
+    }
+    return false;
+}
+
 std::optional<std::string> identify(const ProcessHandle& peer, const ProcessStat& stat,
                                     const SenderCheck::Facts& facts) {
     auto running = peer.executable();
     auto path = peer.executablePath();
-    if (!running || !path) return std::nullopt;
+    if (!running || !path || preloadsCode(peer)) return std::nullopt;
     if (isOwnExecutable(*running, facts)) return std::string(SenderCheck::application);
     if (isInstalledCommand(*running, facts) && startedByFileManager(stat, facts))
         return std::string(SenderCheck::fileManagerMenu);
@@ -169,6 +204,20 @@ SenderCheck::Facts SenderCheck::Facts::current() {
     facts.testOverride = AppPaths::isTestOverride();
     facts.uid = geteuid();
     return facts;
+}
+
+std::optional<SenderCheck::Process> SenderCheck::process(pid_t pid) {
+    ProcessHandle handle(pid);
+    auto before = handle.stat();
+    auto running = handle.executable();
+    auto after = handle.stat();
+    if (!before || !running || !after || after->startTime != before->startTime)
+        return std::nullopt;
+    return Process{running->st_dev, running->st_ino, before->startTime};
+}
+
+bool SenderCheck::preloads(pid_t pid) {
+    return preloadsCode(ProcessHandle(pid));
 }
 
 std::optional<std::string> SenderCheck::senderIdentifier(pid_t peer, const Facts& facts) {

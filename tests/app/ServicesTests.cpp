@@ -1,10 +1,13 @@
 // The application's system services against real counterparts: stand-in notification and
 // file-manager services on a private session bus, scripts standing in for the programs started,
 // real files under fake XDG folders and real Unix sockets.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <QElapsedTimer>
 #include <atomic>
@@ -532,6 +535,41 @@ TEST(InstanceChannelTest, OneCopyListensAndLinesFromOurOwnUserAreDelivered) {
     EXPECT_EQ(std::size_t(received.messages[2].size()), InstanceChannel::maximumMessage);
     EXPECT_EQ(received.pids[0], getpid());
     EXPECT_EQ(received.shows, 1);
+}
+
+// A sender that connects and then runs another program to write its line is not the one that
+// connected: its line is dropped. One that stays itself is heard.
+TEST(InstanceChannelTest, ASenderThatRunsAnotherProgramAfterConnectingIsNotHeard) {
+    RuntimeFolder runtime;
+    InstanceChannel channel;
+    Received received(channel);
+    ASSERT_TRUE(channel.listen());
+    for (const bool runsAnother : {true, false}) {
+        int go[2];
+        ASSERT_EQ(pipe2(go, O_CLOEXEC), 0);
+        pid_t child = fork();
+        if (child == 0) {
+            close(go[1]);
+            int fd = connectTo(runtime.socket());
+            char byte;
+            (void)!read(go[0], &byte, 1);  // once the channel has accepted it as it is now
+            if (runsAnother) {
+                dup2(fd, 3);
+                execl("/bin/sh", "sh", "-c", "printf 'corvane://lock?path=%2Fa\\n' >&3; sleep 1",
+                      nullptr);
+            } else {
+                (void)!write(fd, "corvane://lock?path=%2Fb\n", 25);
+                sleep(1);
+            }
+            _exit(0);
+        }
+        close(go[0]);
+        spinUntil([] { return false; }, 500ms);
+        close(go[1]);
+        EXPECT_EQ(received.waitFor(1, 2s), !runsAnother) << runsAnother;
+        waitpid(child, nullptr, 0);
+    }
+    EXPECT_EQ(received.messages, std::vector<QByteArray>{"corvane://lock?path=%2Fb"});
 }
 
 TEST(InstanceChannelTest, OnlyASocketNobodyAnswersOnIsTakenOver) {
