@@ -83,8 +83,7 @@ AppModel::AppModel(Services services, Configuration configuration, QObject* pare
       passwords_(configuration_.keychainService),
       settings_(configuration_.settingsPath),
       worker_(std::make_unique<Worker>(this)),
-      idleMinutes_(settings_.idleMinutes()),
-      touchIDEnabled_(settings_.touchIDEnabled()) {
+      idleMinutes_(settings_.idleMinutes()) {
     fingerprintHandoff_ = std::make_shared<FingerprintHandoff>();
     fingerprintHandoff_->model = this;
     retryTimer_.setInterval(configuration_.autoLockRetryInterval);
@@ -117,8 +116,6 @@ void AppModel::setIdleMinutes(int minutes) {
 }
 
 void AppModel::setTouchIDEnabled(bool enabled) {
-    if (enabled == touchIDEnabled_) return;
-    touchIDEnabled_ = enabled;
     try {
         settings_.setTouchIDEnabled(enabled);
     } catch (const std::exception& error) {
@@ -321,7 +318,8 @@ Task<std::optional<std::string>> AppModel::verifiedPassword(std::string reason) 
     std::optional<StoredSecret> secret = passwords_.load();
     if (!secret) co_return services_.prompter.password("Enter the password for this item", "");
 
-    if (touchIDEnabled_) {
+    // Read at each check: a command may have changed it while the application ran.
+    if (settings_.touchIDEnabled()) {
         // The reader waits on a thread of its own, so that the engine's worker stays free and the
         // user can choose to type instead.
         auto stop = std::make_shared<std::atomic<bool>>(false);
@@ -706,6 +704,10 @@ Task<std::optional<std::string>> AppModel::changePassword(std::string current, s
         co_await worker_->run([&] { return locker_->itemsStillMigrating(secret->generation); });
     if (!behind.empty()) co_return PasswordRules::stillMigratingMessage(behind);
 
+    // Nothing changes when the change is refused: open items are found before the keyring is.
+    if (co_await worker_->run([&] { return !locker_->openItems().empty(); }))
+        co_return CorvaneError::needsAllLocked().errorDescription();
+
     changingPassword_ = true;
     struct Finish {
         AppModel* model;
@@ -733,8 +735,17 @@ Task<std::optional<std::string>> AppModel::changePassword(std::string current, s
                 result = PasswordRules::migrationFailureMessage(names, failures.size());
             }
         } catch (...) {
-            // The new password is saved; items not moved yet move at the next start.
             result = failureText(std::current_exception());
+            // An item opened meanwhile refuses the change before any item moved: the keyring
+            // gets its record back. Otherwise the new password is saved, and items not moved yet
+            // move at the next start.
+            if (CorvaneError::is(std::current_exception(), CorvaneError::Case::needsAllLocked)) {
+                try {
+                    passwords_.save(*secret);
+                } catch (const std::exception&) {
+                    result = "Could not save your password to the keyring.";
+                }
+            }
         }
     });
     co_await refresh();

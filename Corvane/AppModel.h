@@ -73,7 +73,7 @@ public:
     bool needsSetup() const { return needsSetup_; }
     int idleMinutes() const { return idleMinutes_; }
     void setIdleMinutes(int minutes);
-    bool touchIDEnabled() const { return touchIDEnabled_; }
+    bool touchIDEnabled() const { return settings_.touchIDEnabled(); }
     void setTouchIDEnabled(bool enabled);
     // A fingerprint reader with enrolled fingers answers on the system bus (asked each time).
     bool fingerprintAvailable() const;
@@ -183,7 +183,6 @@ private:
     std::vector<OpenItem> openItems_;
     bool needsSetup_ = false;
     int idleMinutes_ = UserSettings::defaultIdleMinutes;
-    bool touchIDEnabled_ = true;
 
     bool isReady_ = false;
     bool requestArrived_ = false;

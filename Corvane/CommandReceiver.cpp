@@ -38,24 +38,41 @@ std::optional<std::string> CommandReceiver::lockedItemPath(const QByteArray& mes
     return result;
 }
 
+std::optional<CorvaneCommand> CommandReceiver::parse(const QByteArray& message) {
+    // Opening an item asks for its password anyway.
+    if (auto item = lockedItemPath(message))
+        return CorvaneCommand{CorvaneCommand::Kind::unlock, {*item}};
+    return CorvaneCommand::parse(std::string_view(message.constData(), message.size()));
+}
+
 void CommandReceiver::receive(const QByteArray& message, qint64 peerPid) {
-    if (auto item = lockedItemPath(message)) {
-        // Opening an item asks for its password anyway.
-        spawn(deliver({CorvaneCommand::Kind::unlock, {*item}}, false));
-        return;
-    }
-    auto command = CorvaneCommand::parse(std::string_view(message.constData(), message.size()));
+    auto command = parse(message);
     if (!command) return;
     pid_t peer = peerPid > 0 && peerPid <= std::numeric_limits<pid_t>::max() ? pid_t(peerPid) : 0;
-    // Decided before anything waits: the sender may end soon after its line was
-    // read, and its id may then go to another process.
+    // Decided before anything waits: the sender may end soon after its line was read, and its
+    // id may then go to another process.
     auto sender = SenderCheck::senderIdentifier(peer, facts_);
     bool confirm = command->needsConfirmation(sender, AppPaths::isTestOverride());
-    // Questions wait for the event loop, so the sender's connection is closed first and it
+    // Commands are carried out one at a time in the order they arrived, whatever each waits
+    // for. Questions wait for the event loop, so the sender's connection is closed first and it
     // does not wait on the user.
-    QMetaObject::invokeMethod(
-        this, [this, command = *command, confirm] { spawn(deliver(command, confirm)); },
-        Qt::QueuedConnection);
+    waiting_.push_back({std::move(*command), confirm});
+    if (waiting_.size() == 1 && !delivering_)
+        QMetaObject::invokeMethod(this, [this] { spawn(deliverInOrder()); }, Qt::QueuedConnection);
+}
+
+Task<> CommandReceiver::deliverInOrder() {
+    if (delivering_) co_return;
+    delivering_ = true;
+    struct Done {
+        bool& delivering;
+        ~Done() { delivering = false; }
+    } done{delivering_};
+    while (!waiting_.empty()) {
+        Waiting next = std::move(waiting_.front());
+        waiting_.pop_front();
+        co_await deliver(std::move(next.command), next.confirm);
+    }
 }
 
 Task<> CommandReceiver::deliver(CorvaneCommand command, bool confirm) {

@@ -6,6 +6,7 @@
 
 #include <QByteArray>
 #include <QObject>
+#include <deque>
 #include <optional>
 #include <string>
 
@@ -29,12 +30,20 @@ public:
     // A locked item named by a file URL or an absolute path, as a file manager
     // opens it.
     static std::optional<std::string> lockedItemPath(const QByteArray& message);
+    // The command a line asks for, read once: a locked item's path or file URL unlocks it.
+    static std::optional<CorvaneCommand> parse(const QByteArray& message);
 
 public slots:
     // One line and the process id the kernel gave for the peer that sent it.
     void receive(const QByteArray& message, qint64 peerPid);
 
 private:
+    struct Waiting {
+        CorvaneCommand command;
+        bool confirm;
+    };
+
+    Task<> deliverInOrder();
     Task<> deliver(CorvaneCommand command, bool confirm);
     bool isOpen(const std::string& path) const;
 
@@ -42,6 +51,8 @@ private:
     Prompter& prompter_;
     Notifier& notifier_;
     SenderCheck::Facts facts_;
+    std::deque<Waiting> waiting_;
+    bool delivering_ = false;
 };
 
 }  // namespace corvane::app

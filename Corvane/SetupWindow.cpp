@@ -191,7 +191,8 @@ void SetupWindow::advance() {
     if (step() == password) {
         if (auto problem = passwordProblem()) return showError(problem);
     } else if (step() == done) {
-        bool useFingerprint = seams_.fingerprintAvailable && useFingerprint_->isChecked();
+        // Saved as chosen even without a reader today, so that one added later is used.
+        bool useFingerprint = useFingerprint_->isChecked();
         if (auto failure =
                 seams_.save(passwordField_->text().toUtf8().toStdString(), useFingerprint))
             return showError(failure);

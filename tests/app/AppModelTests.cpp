@@ -9,6 +9,7 @@
 #include "Records/Paths.h"
 #include "Records/SharedState.h"
 #include "Records/SupportLock.h"
+#include "Records/UserSettings.h"
 
 namespace corvane::testing {
 
@@ -239,6 +240,14 @@ TEST_F(AppModelTest, PasswordChangeRefusalsComeBeforeAnythingIsSaved) {
         EXPECT_EQ(await(app.changePassword(test.current, test.next)), test.answer);
         EXPECT_EQ(store.load()->generation, 1);
     }
+    // An open item refuses it before the keyring is touched.
+    user.passwords = {"password 1"};
+    await(app.unlock(*app.rows()[0].url));
+    ASSERT_EQ(app.openItems().size(), 1u);
+    EXPECT_EQ(await(app.changePassword("password 1", "password 2")),
+              "Lock every unlocked item first.");
+    EXPECT_EQ(store.load()->password, "password 1");
+    await(app.lockNow(*app.rows()[0].url));
     // While something runs, the change waits for nothing: it is refused.
     app::spawn(app.lock(folder("Busy")));
     auto refusal = await(app.changePassword("password 1", "password 2"));
@@ -324,7 +333,8 @@ TEST_F(AppModelTest, AFingerprintStandsInForTheTypedPasswordUnlessItFailsOrIsSwi
                                               {"no-reader", true, false, true}}) {
         SCOPED_TRACE(std::string(test.scenario) + (test.enabled ? "" : ", switched off"));
         PrivateSystemBus reader(test.scenario);
-        app.setTouchIDEnabled(test.enabled);
+        // Switched as `corvane config` does, from another process, while the model runs.
+        UserSettings(configuration().settingsPath).setTouchIDEnabled(test.enabled);
         user.log.clear();
         if (test.asksPassword) user.passwords = {"password 1"};
         await(app.unlock(locked));

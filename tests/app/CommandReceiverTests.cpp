@@ -142,6 +142,24 @@ TEST_F(CommandReceiverTest, LockNowAndRevealOfAnItemThatIsNotOpenSayWhy) {
     EXPECT_TRUE(user.entries("notify: Corvane").empty());
 }
 
+// A command that waits for the model keeps the ones behind it waiting: a locked item's path that
+// arrives after a reveal is opened after the reveal found it closed, not before.
+TEST_F(CommandReceiverTest, CommandsAreCarriedOutInTheOrderTheyArrived) {
+    receiveAs(true);
+    std::string locked = lockedItem("Taxes");
+    user.log.clear();
+    user.passwords = {"password 1"};
+    ASSERT_TRUE(InstanceChannel::send(commandURL("reveal", locked), 1000));
+    ASSERT_TRUE(spinUntil([&] { return received == 1; }, 5s));
+    ASSERT_TRUE(InstanceChannel::send(QByteArray::fromStdString(locked), 1000));
+    ASSERT_TRUE(spinUntil([&] { return isOpen() && model->activity().isIdle(); }, 10s));
+    auto told = user.entries("notify: "), asked = user.entries("password: ");
+    ASSERT_EQ(told, std::vector<std::string>{"notify: Corvane | Taxes is not unlocked."});
+    ASSERT_EQ(asked.size(), 1u);
+    EXPECT_LT(std::find(user.log.begin(), user.log.end(), told[0]),
+              std::find(user.log.begin(), user.log.end(), asked[0]));
+}
+
 TEST(CommandReceiverPathsTest, OnlyALockedItemsPathOrFileURLIsTakenForOne) {
     struct {
         QByteArray message;
