@@ -11,7 +11,7 @@
 #include <mutex>
 #include <thread>
 
-#include "Engine/AppPaths.h"
+#include "Records/AppPaths.h"
 #include "Engine/ItemName.h"
 #include "FileSystem/FileWalk.h"
 #include "FileSystem/GocryptfsTool.h"

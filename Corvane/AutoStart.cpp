@@ -12,7 +12,7 @@
 #include <sstream>
 #include <vector>
 
-#include "Engine/AppPaths.h"
+#include "Records/AppPaths.h"
 #include "Records/JSONCodec.h"
 #include "Records/UTF8.h"
 

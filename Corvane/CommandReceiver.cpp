@@ -4,7 +4,7 @@
 
 #include <limits>
 
-#include "Engine/AppPaths.h"
+#include "Records/AppPaths.h"
 #include "Engine/ItemName.h"
 #include "Records/Paths.h"
 

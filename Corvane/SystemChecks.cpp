@@ -8,7 +8,7 @@
 #include <sstream>
 #include <system_error>
 
-#include "Engine/AppPaths.h"
+#include "Records/AppPaths.h"
 #include "FileSystem/DiskEncryption.h"
 #include "FileSystem/ProcessRunner.h"
 #include "Records/Characters.h"

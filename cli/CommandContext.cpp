@@ -3,7 +3,7 @@
 #include <system_error>
 
 #include "CommandFailure.h"
-#include "Engine/AppPaths.h"
+#include "Records/AppPaths.h"
 #include "FileSystem/GocryptfsTool.h"
 #include "Records/PasswordRules.h"
 #include "Records/Paths.h"

@@ -16,7 +16,7 @@
 #include "Arguments.h"
 #include "CommandFailure.h"
 #include "Commands.h"
-#include "Engine/AppPaths.h"
+#include "Records/AppPaths.h"
 #include "FileManagerMenus.h"
 #include "Records/JSONCodec.h"
 #include "ThunarActions.h"

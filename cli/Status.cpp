@@ -6,7 +6,7 @@
 
 #include "Arguments.h"
 #include "Commands.h"
-#include "Engine/AppPaths.h"
+#include "Records/AppPaths.h"
 #include "FileSystem/DiskEncryption.h"
 #include "FileSystem/ProcessRunner.h"
 #include "UsageError.h"

@@ -6,7 +6,7 @@
 #include <regex>
 
 #include "CliFixture.h"
-#include "Engine/AppPaths.h"
+#include "Records/AppPaths.h"
 #include "Engine/Locker.h"
 #include "Records/SharedState.h"
 #include "Records/SupportLock.h"

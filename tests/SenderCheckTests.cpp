@@ -102,7 +102,8 @@ TEST(SenderCheckTest, TheInstalledCommandCountsOnlyWhenAFileManagerStartedIt) {
     } cases[] = {
         {"the file manager", {fm}, menu},
         // Code loaded into the program could send anything in its name.
-        {"the file manager, preloading", {fm}, unknown, "LD_PRELOAD=/lib/x86_64-linux-gnu/libm.so.6"},
+        {"the file manager, preloading", {fm}, unknown,
+         "LD_PRELOAD=/lib/x86_64-linux-gnu/libm.so.6"},
         {"the file manager, auditing", {fm}, unknown, "LD_AUDIT=/nonexistent/audit.so"},
         {"three launchers", {fm, "/bin/sh", launcher, "/bin/bash"}, menu},
         {"four launchers", {fm, "/bin/sh", "/bin/sh", launcher, "/bin/bash"}, unknown},

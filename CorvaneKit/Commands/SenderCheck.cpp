@@ -10,7 +10,7 @@
 #include <climits>
 #include <cstdint>
 
-#include "Engine/AppPaths.h"
+#include "Records/AppPaths.h"
 #include "Records/Paths.h"
 
 namespace corvane {

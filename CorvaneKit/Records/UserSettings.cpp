@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <limits>
 
-#include "Engine/AppPaths.h"
+#include "Records/AppPaths.h"
 #include "Records/JSONCodec.h"
 
 namespace corvane {

@@ -1,4 +1,4 @@
-#include "Engine/AppPaths.h"
+#include "Records/AppPaths.h"
 
 #include <pwd.h>
 #include <unistd.h>
