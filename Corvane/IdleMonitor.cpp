@@ -16,12 +16,12 @@ struct Source {
     double secondsPerUnit;
 };
 
-// Mutter counts in milliseconds; the freedesktop interface in seconds.
+// Both count in milliseconds: Mutter's monitor, and KDE's answer on the freedesktop interface.
 constexpr Source kSources[] = {
     {"org.gnome.Mutter.IdleMonitor", "/org/gnome/Mutter/IdleMonitor/Core",
      "org.gnome.Mutter.IdleMonitor", "GetIdletime", 0.001},
     {"org.freedesktop.ScreenSaver", "/org/freedesktop/ScreenSaver", "org.freedesktop.ScreenSaver",
-     "GetSessionIdleTime", 1.0},
+     "GetSessionIdleTime", 0.001},
 };
 
 constexpr int kCallTimeoutMs = 500;

@@ -118,7 +118,8 @@ private:
         if (member == "GetIdletime")
             return QVariantList{QVariant::fromValue(qulonglong(mutterIdleMilliseconds.load()))};
         if (member == "GetSessionIdleTime")
-            return QVariantList{QVariant::fromValue(uint(screenSaverIdleSeconds.load()))};
+            // KDE answers in milliseconds, as Mutter does.
+            return QVariantList{QVariant::fromValue(uint(screenSaverIdleSeconds.load() * 1000))};
         return std::nullopt;
     }
 
