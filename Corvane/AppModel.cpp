@@ -18,6 +18,7 @@
 #include "FileSystem/ItemFacts.h"
 #include "FileSystem/ThumbnailScrubber.h"
 #include "Records/DateFormat.h"
+#include "Records/IdlePolicy.h"
 #include "Records/PasswordRules.h"
 #include "Records/Paths.h"
 #include "Records/SharedState.h"
@@ -107,6 +108,7 @@ AppModel::~AppModel() {
 void AppModel::setIdleMinutes(int minutes) {
     if (minutes == idleMinutes_) return;
     idleMinutes_ = minutes;
+    if (gocryptfs_) gocryptfs_->setIdleLimit(IdlePolicy::unusedLimit(minutes));
     try {
         settings_.setIdleMinutes(minutes);
     } catch (const std::exception& error) {
@@ -136,7 +138,14 @@ bool AppModel::start() {
         return false;
     }
     if (!supportLock_) return false;
-    auto tool = configuration_.tool ? configuration_.tool : std::make_shared<GocryptfsTool>();
+    std::shared_ptr<const ImageTool> tool = configuration_.tool;
+    if (!tool) {
+        // Items close themselves when unused for the inactivity limit, should this application
+        // be gone by then.
+        gocryptfs_ = std::make_shared<GocryptfsTool>();
+        gocryptfs_->setIdleLimit(IdlePolicy::unusedLimit(idleMinutes_));
+        tool = gocryptfs_;
+    }
     locker_ = std::make_unique<Locker>(configuration_.support, configuration_.home,
                                        configuration_.application, std::move(tool));
     needsSetup_ = !passwords_.load().has_value();

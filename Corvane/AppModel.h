@@ -19,6 +19,7 @@
 #include "Engine/LockStep.h"
 #include "Engine/Locker.h"
 #include "Engine/OpenItem.h"
+#include "FileSystem/GocryptfsTool.h"
 #include "FingerprintReader.h"
 #include "ItemRow.h"
 #include "Notifier.h"
@@ -176,6 +177,7 @@ private:
     std::shared_ptr<FingerprintHandoff> fingerprintHandoff_;
     std::unique_ptr<SupportLock> supportLock_;
     // Touched on the worker thread only, once start() made it.
+    std::shared_ptr<GocryptfsTool> gocryptfs_;  // the tool, when made here
     std::unique_ptr<Locker> locker_;
     std::unique_ptr<Worker> worker_;
 

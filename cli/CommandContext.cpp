@@ -5,6 +5,7 @@
 #include "CommandFailure.h"
 #include "Records/AppPaths.h"
 #include "FileSystem/GocryptfsTool.h"
+#include "Records/IdlePolicy.h"
 #include "Records/PasswordRules.h"
 #include "Records/Paths.h"
 #include "Records/SharedState.h"
@@ -23,8 +24,12 @@ Locker& CommandContext::locker(bool announce) {
     if (!supportLock_)
         throw CommandFailure("Another Corvane is working on " + forError(support) +
                              ". Wait for it to finish, then try again.");
+    // An item opened here stays open after the command ends: it closes itself once unused for
+    // the inactivity limit, whether or not the application runs to lock it.
+    auto tool = std::make_shared<GocryptfsTool>();
+    tool->setIdleLimit(IdlePolicy::unusedLimit(userSettings_.idleMinutes()));
     locker_ = std::make_unique<Locker>(support, AppPaths::home(), settings_.applicationLocation,
-                                       std::make_shared<GocryptfsTool>());
+                                       std::move(tool));
     // Whatever an interrupted command left is finished or undone before anything else runs.
     RecoveryReport report = locker_->recover();
     if (!recovered_) recovery_ = report;

@@ -1,7 +1,15 @@
 // The locking engine end to end, on real files with real gocryptfs images.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <thread>
 
 #include "Engine/Locker.h"
+#include "FileSystem/GocryptfsTool.h"
+#include "FileSystem/MountTable.h"
 #include "LockerFixture.h"
 #include "TestSupport.h"
 
@@ -107,6 +115,31 @@ TEST_F(LockerTest, FileLocksUnderItsBaseNameAndRestoresBeside) {
         EXPECT_EQ(readFile(original), "a newer report");
     }
 }
+
+// An item left open by a program that has gone closes itself once nothing uses it, never while a
+// file in it is open. Watched in the mount table, which asks the item's server nothing.
+TEST_F(LockerTest, AnOpenItemUnusedForTheIdleLimitClosesItself) {
+    auto tool = std::make_shared<GocryptfsTool>();
+    tool->setIdleLimit(std::chrono::seconds(2));
+    Locker locker(support, home, std::nullopt, tool);
+    OpenItem open = locker.unlock(locker.lock(home + "/Taxes", kPassword, 1).lastKnownPath,
+                                  kPassword);
+    auto mounted = [&] {
+        auto mounts = MountTable::read();
+        return std::any_of(mounts.begin(), mounts.end(), [&](const MountEntry& mount) {
+            return mount.mountPoint == open.mountPoint;
+        });
+    };
+    int held = ::open((open.contentURL() + "/notes 日本.txt").c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_GE(held, 0);
+    std::this_thread::sleep_for(std::chrono::seconds(5));
+    EXPECT_TRUE(mounted()) << "closed under an open file";
+    close(held);
+    for (int tenths = 0; tenths < 200 && mounted(); ++tenths)
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_FALSE(mounted()) << "still open, unused";
+}
+
 
 }  // namespace
 }  // namespace corvane

@@ -280,6 +280,8 @@ void GocryptfsTool::attach(const std::string& image, const std::string& mountPoi
     // which image it serves.
     std::vector<std::string> arguments{"-q"};
     if (readOnly) arguments.push_back("-ro");
+    if (const std::int64_t idle = idleLimitSeconds_; idle > 0 && !readOnly)
+        arguments.insert(arguments.end(), {"-idle", std::to_string(idle) + "s"});
     arguments.insert(arguments.end(), {"--", std::filesystem::absolute(image).string(),
                                        std::filesystem::absolute(mountPoint).string()});
     ProcessResult result = ProcessRunner::run(gocryptfs_, arguments, password);

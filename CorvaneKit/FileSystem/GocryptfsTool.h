@@ -4,6 +4,9 @@
 
 #include <sys/types.h>
 
+#include <atomic>
+#include <chrono>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
@@ -35,6 +38,11 @@ public:
     // when the mount table cannot be read.
     std::vector<AttachedImage> attachedImages() const override;
     bool isImage(int folder, const std::string& name) const override;
+
+    // An item opened for writing closes itself once nothing has used it for this long (no file
+    // open, no working folder in it), even when no Corvane runs any more; zero keeps it open
+    // until it is detached. Set from any thread; read at each attach.
+    void setIdleLimit(std::chrono::seconds limit) { idleLimitSeconds_ = limit.count(); }
 
     // The tool's output on one line, without the complaints about a missing system log.
     static std::string clean(const std::string& output);
@@ -71,6 +79,7 @@ private:
     ProcessResult unmountForcibly(const std::string& mountPoint) const;
 
     std::string gocryptfs_;
+    std::atomic<std::int64_t> idleLimitSeconds_{0};
     std::string fusermount_;
 };
 

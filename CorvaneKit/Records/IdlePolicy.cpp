@@ -20,3 +20,11 @@ bool IdlePolicy::shouldLock(double idleSeconds, int minutes, bool hasUnlockedIte
 }
 
 }  // namespace corvane
+
+namespace corvane {
+
+std::chrono::seconds IdlePolicy::unusedLimit(int minutes) {
+    return minutes < 1 ? std::chrono::seconds(0) : std::chrono::minutes(minutes);
+}
+
+}  // namespace corvane

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <array>
+#include <chrono>
 
 namespace corvane {
 
@@ -11,6 +12,9 @@ struct IdlePolicy {
 
     static bool isChoice(int minutes);
     static bool shouldLock(double idleSeconds, int minutes, bool hasUnlockedItems);
+    // How long an open item may go unused before it closes itself, for the limit `minutes`; zero
+    // when inactivity never locks.
+    static std::chrono::seconds unusedLimit(int minutes);
 };
 
 }  // namespace corvane
