@@ -40,4 +40,21 @@ void AppDelegate::requestQuit() {
     }(this));
 }
 
+Task<> AppDelegate::lockForSessionEnd() {
+    for (int attempt = 0;; ++attempt) {
+        auto inUse = co_await model_.relockAllQuietly();
+        if (inUse.empty() || attempt == 6) co_return;
+        co_await sleepFor(this, std::chrono::milliseconds(500));
+    }
+}
+
+void AppDelegate::endSession() {
+    if (ending_) return;
+    ending_ = true;
+    spawn([](AppDelegate* self) -> Task<> {
+        co_await self->lockForSessionEnd();
+        QCoreApplication::quit();
+    }(this));
+}
+
 }  // namespace corvane::app

@@ -26,10 +26,18 @@ public:
     // is being answered is ignored.
     void requestQuit();
 
+    // Every open item locked quietly, as inactivity locks them, for the end of the session.
+    // Items whose files are still in use are tried again for a few seconds while their programs
+    // end too.
+    Task<> lockForSessionEnd();
+    // The application was told to stop: lockForSessionEnd(), then it quits without asking.
+    void endSession();
+
 private:
     AppModel& model_;
     Prompter& prompter_;
     bool answering_ = false;
+    bool ending_ = false;
 };
 
 }  // namespace corvane::app

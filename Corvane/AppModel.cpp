@@ -39,20 +39,6 @@ std::string failureText(const std::exception_ptr& failure) {
     }
 }
 
-// Schedules `work` on the main thread's event loop after `delay`; the coroutine resumes there.
-auto sleepFor(QObject* context, std::chrono::milliseconds delay) {
-    struct Awaiter {
-        QObject* context;
-        std::chrono::milliseconds delay;
-        bool await_ready() const noexcept { return delay.count() <= 0; }
-        void await_suspend(std::coroutine_handle<> awaiting) {
-            QTimer::singleShot(delay, context, [awaiting] { awaiting.resume(); });
-        }
-        void await_resume() const noexcept {}
-    };
-    return Awaiter{context, delay};
-}
-
 }  // namespace
 
 AppModel::Configuration AppModel::Configuration::fromEnvironment() {

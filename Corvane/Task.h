@@ -5,6 +5,8 @@
 #pragma once
 
 #include <QDebug>
+#include <QTimer>
+#include <chrono>
 #include <coroutine>
 #include <exception>
 #include <optional>
@@ -149,6 +151,21 @@ void spawn(Task<T> task) {
 inline void destroySpawned() {
     auto suspended = std::exchange(detail::spawned(), {});
     for (auto task : suspended) task.destroy();
+}
+
+// Suspends the awaiting coroutine for `delay`; it resumes on the event loop, unless `context`
+// is gone by then.
+inline auto sleepFor(QObject* context, std::chrono::milliseconds delay) {
+    struct Awaiter {
+        QObject* context;
+        std::chrono::milliseconds delay;
+        bool await_ready() const noexcept { return delay.count() <= 0; }
+        void await_suspend(std::coroutine_handle<> awaiting) {
+            QTimer::singleShot(delay, context, [awaiting] { awaiting.resume(); });
+        }
+        void await_resume() const noexcept {}
+    };
+    return Awaiter{context, delay};
 }
 
 }  // namespace corvane::app

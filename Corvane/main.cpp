@@ -4,6 +4,9 @@
 #include <sys/prctl.h>
 
 #include <QApplication>
+#include <QEventLoop>
+#include <QSessionManager>
+#include <QTimer>
 #include <QIcon>
 #include <cstring>
 #include <iostream>
@@ -21,6 +24,7 @@
 #include "SelfTest.h"
 #include "SettingsWindow.h"
 #include "SetupWindow.h"
+#include "TerminationSignals.h"
 #include "TrayIcon.h"
 #include "TrayIcons.h"
 #include "WindowSeams.h"
@@ -107,6 +111,28 @@ int main(int argc, char** argv) {
         settings.activateWindow();
     });
     QObject::connect(&tray, &TrayIcon::quitRequested, &delegate, &AppDelegate::requestQuit);
+
+    // Logout: the session manager asks first where it speaks XSMP, and the session's processes
+    // get SIGTERM in the end. Open items are locked either way; gocryptfs would outlive us.
+    TerminationSignals stopRequests;
+    QObject::connect(&stopRequests, &TerminationSignals::received, &delegate,
+                     &AppDelegate::endSession);
+    QObject::connect(&application, &QGuiApplication::commitDataRequest, &delegate,
+                     [&delegate](QSessionManager&) {
+                         bool done = false;
+                         spawn([](AppDelegate& delegate, bool& done) -> Task<> {
+                             co_await delegate.lockForSessionEnd();
+                             done = true;
+                         }(delegate, done));
+                         // The session manager waits for this answer; the lock runs meanwhile.
+                         QEventLoop waiting;
+                         QTimer deadline;
+                         deadline.setSingleShot(true);
+                         QObject::connect(&deadline, &QTimer::timeout, &waiting, &QEventLoop::quit);
+                         deadline.start(10'000);
+                         while (!done && deadline.isActive())
+                             waiting.processEvents(QEventLoop::WaitForMoreEvents);
+                     });
 
     if (model.needsSetup() || !hasArgument(argc, argv, "--background")) showMain();
     return application.exec();
