@@ -134,13 +134,30 @@ bool AppModel::start() {
     }
     locker_ = std::make_unique<Locker>(configuration_.support, configuration_.home,
                                        configuration_.application, std::move(tool));
-    needsSetup_ = !passwords_.load().has_value();
+    // A locked keyring is not an empty one: setup is offered only where no record is, and the
+    // desktop is asked (in the background) to unlock a locked one.
+    const auto keyring = passwords_.read();
+    needsSetup_ = keyring.state == PasswordStore::State::noRecord;
+    keyringLocked_ = keyring.state == PasswordStore::State::locked;
     emit needsSetupChanged();
     spawn(startUp());
     return true;
 }
 
 Task<> AppModel::startUp() {
+    if (keyringLocked_) {
+        // The desktop's own prompt; the worker waits for the user's answer, the tray does not.
+        const PasswordStore& store = passwords_;
+        auto state = co_await worker_->run([&store] {
+            store.unlock();
+            return store.read().state;
+        });
+        keyringLocked_ = state == PasswordStore::State::locked;
+        if (state == PasswordStore::State::noRecord && !needsSetup_) {
+            needsSetup_ = true;
+            emit needsSetupChanged();
+        }
+    }
     co_await tracking("finishing interrupted work", [this]() -> Task<> {
         RecoveryReport report = co_await worker_->run([this] { return locker_->recover(); });
         if (auto notice = report.notice()) services_.notifier.post(notice->title, notice->body);
@@ -790,6 +807,16 @@ Task<> AppModel::finishPasswordMigrationIfNeeded() {
 }
 
 std::optional<std::string> AppModel::finishSetup(const std::string& password, bool useFingerprint) {
+    // Never over an existing record, which holds every earlier password too.
+    switch (passwords_.read().state) {
+        case PasswordStore::State::noRecord: break;
+        case PasswordStore::State::locked:
+            return "Your keyring is locked. Unlock it, then try again.";
+        case PasswordStore::State::noService:
+            return "Could not save your password to the keyring.";
+        case PasswordStore::State::record:
+            return "Corvane already has a password in your keyring. Change it in Settings.";
+    }
     StoredSecret first;
     first.password = password;
     first.generation = StoredSecret::firstGeneration;

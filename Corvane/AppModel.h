@@ -177,6 +177,7 @@ private:
     std::shared_ptr<FingerprintHandoff> fingerprintHandoff_;
     std::unique_ptr<SupportLock> supportLock_;
     // Touched on the worker thread only, once start() made it.
+    bool keyringLocked_ = false;
     std::shared_ptr<GocryptfsTool> gocryptfs_;  // the tool, when made here
     std::unique_ptr<Locker> locker_;
     std::unique_ptr<Worker> worker_;

@@ -117,26 +117,67 @@ std::string PasswordStore::serviceFromEnvironment() {
 PasswordStore::PasswordStore(std::string service, std::string account)
     : service_(std::move(service)), account_(std::move(account)) {}
 
-std::optional<StoredSecret> PasswordStore::load() const {
+PasswordStore::Reading PasswordStore::read() const {
     SecretServiceCall call;
-    if (!call.service()) return std::nullopt;
+    if (!call.service()) return {State::noService, std::nullopt};
+    auto itemAttributes = attributes(service_, account_);
+    // Attributes are searchable while a collection is locked; secrets are not.
+    GError* searchError = nullptr;
+    GList* items = secret_service_search_sync(call.service(), &passwordSchema, itemAttributes.get(),
+                                              SECRET_SEARCH_ALL, nullptr, &searchError);
+    // Opening the service succeeds without one: the first call is what finds nobody there.
+    if (GLibPointer<GError> failed(searchError); failed) return {State::noService, std::nullopt};
+    bool found = items != nullptr, locked = false;
+    for (GList* each = items; each; each = each->next)
+        locked = locked || secret_item_get_locked(static_cast<SecretItem*>(each->data));
+    g_list_free_full(items, g_object_unref);
+    if (!found) {
+        // Where a new record would go: locked, it may hide one a search cannot see.
+        std::unique_ptr<SecretCollection, void (*)(gpointer)> collection(
+            secret_collection_for_alias_sync(call.service(), SECRET_COLLECTION_DEFAULT,
+                                             SECRET_COLLECTION_NONE, nullptr, nullptr),
+            g_object_unref);
+        bool collectionLocked = collection && secret_collection_get_locked(collection.get());
+        return {collectionLocked ? State::locked : State::noRecord, std::nullopt};
+    }
+    if (locked) return {State::locked, std::nullopt};
+
     GError* error = nullptr;
-    SecretValue* value = secret_service_lookup_sync(
-        call.service(), &passwordSchema, attributes(service_, account_).get(), nullptr, &error);
+    SecretValue* value = secret_service_lookup_sync(call.service(), &passwordSchema,
+                                                    itemAttributes.get(), nullptr, &error);
     GLibPointer<GError> failure(error);
-    if (!value) return std::nullopt;
+    if (!value) return {State::record, std::nullopt};
     gsize length = 0;
     gchar* stored = secret_value_unref_to_password(value, &length);
-    if (!stored) return std::nullopt;
-    std::optional<StoredSecret> secret;
+    if (!stored) return {State::record, std::nullopt};
+    Reading reading{State::record, std::nullopt};
     try {
         // Refuses a value over 64 KiB before reading it.
-        secret = StoredSecret::decode(std::string_view(stored, length));
+        reading.secret = StoredSecret::decode(std::string_view(stored, length));
     } catch (const std::exception&) {
-        secret.reset();
+        reading.secret.reset();
     }
     secret_password_free(stored);
-    return secret;
+    return reading;
+}
+
+std::optional<StoredSecret> PasswordStore::load() const {
+    return read().secret;
+}
+
+bool PasswordStore::unlock() const {
+    SecretServiceCall call;
+    if (!call.service()) return false;
+    std::unique_ptr<SecretCollection, void (*)(gpointer)> collection(
+        secret_collection_for_alias_sync(call.service(), SECRET_COLLECTION_DEFAULT,
+                                         SECRET_COLLECTION_NONE, nullptr, nullptr),
+        g_object_unref);
+    if (!collection) return false;
+    if (!secret_collection_get_locked(collection.get())) return true;
+    GList* objects = g_list_append(nullptr, collection.get());
+    gint unlocked = secret_service_unlock_sync(call.service(), objects, nullptr, nullptr, nullptr);
+    g_list_free(objects);
+    return unlocked > 0;
 }
 
 void PasswordStore::save(const StoredSecret& secret) const {

@@ -32,9 +32,28 @@ public:
     const std::string& service() const { return service_; }
     const std::string& account() const { return account_; }
 
-    // The record; nothing when there is none, the keyring refused or is unreachable, or the
-    // stored value does not decode.
+    // How the keyring stands for our record. A locked keyring is not an empty one: its record may
+    // be there, unread, and a setup that saved over it would lose every earlier password.
+    enum class State {
+        noService,  // no Secret Service answers
+        locked,     // the record, or the collection it would go into, is locked
+        noRecord,   // unlocked, and no record of ours
+        record,     // unlocked, with a record (which may not decode)
+    };
+    struct Reading {
+        State state = State::noService;
+        std::optional<StoredSecret> secret;  // only for `record`, when it decodes
+    };
+    // Never unlocks anything, so never waits for a prompt.
+    Reading read() const;
+
+    // The record; nothing when there is none, the keyring is locked, refused or is unreachable,
+    // or the stored value does not decode.
     std::optional<StoredSecret> load() const;
+
+    // Asks the desktop to unlock the default collection, which shows its own prompt, and waits
+    // for the user's answer. True when it is unlocked afterwards. Never on the UI thread.
+    bool unlock() const;
 
     // Replaces the stored value in place, or creates the item. Throws KeyringError.
     void save(const StoredSecret& secret) const;

@@ -11,9 +11,19 @@ const std::string kWrongPassword = "That password did not work.";
 }  // namespace
 
 std::optional<StoredSecret> PasswordGate::record() const {
-    if (auto secret = store_.load()) return secret;
-    if (auto reason = PasswordStore::unavailableReason()) throw CommandFailure(*reason);
-    return std::nullopt;
+    auto reading = store_.read();
+    switch (reading.state) {
+        case PasswordStore::State::noService:
+            throw CommandFailure(PasswordStore::unavailableReason().value_or(
+                "Corvane could not reach your desktop keyring. Try again in a moment."));
+        case PasswordStore::State::locked: throw CommandFailure(std::string(kKeyringLocked));
+        case PasswordStore::State::noRecord: return std::nullopt;
+        case PasswordStore::State::record: break;
+    }
+    if (!reading.secret)
+        throw CommandFailure(
+            "Corvane's password record in your keyring cannot be read, so nothing was changed.");
+    return reading.secret;
 }
 
 StoredSecret PasswordGate::requireRecord() const {

@@ -7,6 +7,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "FingerprintReader.h"
 #include "PasswordStore.h"
@@ -19,13 +20,17 @@ namespace corvane::cli {
 class PasswordGate {
 public:
     static constexpr int attempts = 5;
+    static constexpr std::string_view kKeyringLocked =
+        "Your desktop keyring is locked, so nothing was changed. Unlock it (log in again, or open "
+        "Passwords and Keys), then try again.";
 
     PasswordGate(const PasswordStore& store, const FingerprintReader& reader,
                  const UserSettings& settings, Prompter& prompter)
         : store_(store), reader_(reader), settings_(settings), prompter_(prompter) {}
 
-    // The stored record, or nothing when there is none. A keyring that cannot be reached is
-    // never taken for "no record": it throws CommandFailure naming what to start.
+    // The stored record, or nothing when there is none. A keyring that cannot be reached, is
+    // locked, or holds a record that does not decode is never taken for "no record": each throws
+    // CommandFailure saying what to do.
     std::optional<StoredSecret> record() const;
     // The same, and no record throws CommandFailure: setup comes first.
     StoredSecret requireRecord() const;

@@ -35,8 +35,12 @@ int runStatus(CommandContext& context, const Words& words, std::istream&, std::o
     if (!arguments.operands.empty()) throw UsageError("status takes no paths");
     Locker& locker = context.locker();
 
-    auto keyringProblem = PasswordStore::unavailableReason();
-    auto secret = keyringProblem ? std::nullopt : context.store().load();
+    auto keyring = context.store().read();
+    std::optional<std::string> keyringProblem;
+    if (keyring.state == PasswordStore::State::noService)
+        keyringProblem = PasswordStore::unavailableReason().value_or("not reachable");
+    const auto& secret = keyring.secret;
+    const bool locked = keyring.state == PasswordStore::State::locked;
     bool fingerprint = context.fingerprintReader().available();
     bool fingerprintOn = context.userSettings().touchIDEnabled();
     int idleMinutes = context.userSettings().idleMinutes();
@@ -50,8 +54,9 @@ int runStatus(CommandContext& context, const Words& words, std::istream&, std::o
 
     if (arguments.has("--json")) {
         nlohmann::ordered_json status = {
-            {"setupDone", secret.has_value()},
+            {"setupDone", keyring.state == PasswordStore::State::record},
             {"keyringReachable", !keyringProblem},
+            {"keyringLocked", locked},
             {"fingerprintAvailable", fingerprint},
             {"fingerprintEnabled", fingerprintOn},
             {"idleMinutes", idleMinutes},
@@ -66,11 +71,15 @@ int runStatus(CommandContext& context, const Words& words, std::istream&, std::o
         return 0;
     }
     out << "Set up:                 "
-        << (secret           ? "yes"
-            : keyringProblem ? "unknown"
-                             : "no")
+        << (keyring.state == PasswordStore::State::record     ? "yes"
+            : keyring.state == PasswordStore::State::noRecord ? "no"
+                                                              : "unknown")
         << '\n'
-        << "Keyring:                " << (keyringProblem ? *keyringProblem : "reachable") << '\n'
+        << "Keyring:                "
+        << (keyringProblem ? *keyringProblem
+            : locked       ? "locked: unlock it to use Corvane"
+                           : "reachable")
+        << '\n'
         << "Fingerprint reader:     " << (fingerprint ? "available" : "not available")
         << (fingerprintOn ? ", used when available" : ", turned off") << '\n'
         << "Lock after inactivity:  "
