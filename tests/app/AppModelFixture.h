@@ -33,31 +33,34 @@ public:
     std::function<void()> onCancel;
     std::function<void()> whenAsked;  // runs once, at the next choice, before it is answered
 
+    // The next of `answers`; nothing, and a failure, when none is left.
+    template <class T>
+    static std::optional<T> next(std::deque<T>& answers, const std::string& what) {
+        if (answers.empty()) {
+            ADD_FAILURE() << "unexpected " << what;
+            return std::nullopt;
+        }
+        T answer = std::move(answers.front());
+        answers.pop_front();
+        return answer;
+    }
+
+    // Unanswered, or answered with a button not offered: the last button, as closing the box.
     int choose(const std::string& title, const std::string& message,
                const std::vector<std::string>& offered) override {
         log.push_back("choose: " + title + " | " + message);
         if (auto hook = std::exchange(whenAsked, nullptr)) hook();
-        if (buttons.empty()) {
-            ADD_FAILURE() << "unexpected question: " << title;
-            return static_cast<int>(offered.size()) - 1;
-        }
-        std::string button = buttons.front();
-        buttons.pop_front();
-        for (std::size_t i = 0; i < offered.size(); ++i)
-            if (offered[i] == button) return static_cast<int>(i);
-        ADD_FAILURE() << "no button " << button << " at: " << title;
-        return static_cast<int>(offered.size()) - 1;
+        auto button = next(buttons, "question: " + title);
+        auto found = std::find(offered.begin(), offered.end(), button.value_or(""));
+        if (button && found == offered.end())
+            ADD_FAILURE() << "no button " << *button << " at " << title;
+        return found == offered.end() ? static_cast<int>(offered.size()) - 1
+                                      : static_cast<int>(found - offered.begin());
     }
     std::optional<std::string> password(const std::string& title,
                                         const std::string& message) override {
         log.push_back("password: " + title + " | " + message);
-        if (passwords.empty()) {
-            ADD_FAILURE() << "unexpected password prompt: " << title;
-            return std::nullopt;
-        }
-        auto answer = passwords.front();
-        passwords.pop_front();
-        return answer;
+        return next(passwords, "password prompt: " + title).value_or(std::nullopt);
     }
     std::vector<std::string> chooseItemsToLock() override { return itemsToLock; }
     std::optional<std::string> chooseLockedItem(const std::string& name) override {
@@ -133,11 +136,17 @@ protected:
         return result;
     }
 
-    // Starts the model and waits until start-up, with its name check, is over.
-    app::AppModel& started() {
-        model = std::make_unique<app::AppModel>(
-            app::AppModel::Services{user, user, user, user}, configuration());
-        EXPECT_TRUE(model->start());
+    // A new model, not started, in place of any earlier one.
+    app::AppModel& created(std::optional<app::AppModel::Configuration> settings = {}) {
+        model.reset();
+        model = std::make_unique<app::AppModel>(app::AppModel::Services{user, user, user, user},
+                                                settings.value_or(configuration()));
+        return *model;
+    }
+
+    // Starts a new model and waits until start-up, with its name check, is over.
+    app::AppModel& started(std::optional<app::AppModel::Configuration> settings = {}) {
+        EXPECT_TRUE(created(settings).start());
         settle();
         return *model;
     }
@@ -156,6 +165,24 @@ protected:
         writeFile(path + "/a.txt", "alpha of " + name);
         writeFile(path + "/inner/b.txt", std::string(100'000, 'b'));
         return path;
+    }
+
+    // The locked item the model makes of a new folder("NAME").
+    std::string lockedItem(const std::string& name) {
+        await(model->lock(folder(name)));
+        return root / ("Home/" + name + ".corvlock");
+    }
+
+    // Unlocks `item`, answering the password prompt with `password`.
+    void unlock(const std::string& item, const std::string& password = "password 1") {
+        user.passwords = {password};
+        await(model->unlock(item));
+    }
+
+    // The engine on its own, outside the model, as a crash or an earlier run left things.
+    Locker engine() {
+        return Locker(root / "Support", root / "Home", std::nullopt,
+                      std::make_shared<GocryptfsTool>());
     }
 
     TempDir root;

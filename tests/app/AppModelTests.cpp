@@ -1,15 +1,24 @@
 // The application model's operations against the real engine on gocryptfs and a private keyring:
-// what the user is asked and told, in which order, and what is left on disk.
+// what the user is asked and told, in which order, and what is left on disk; last, a new user's
+// first run through the real windows.
+#include <QAction>
+#include <QDropEvent>
+#include <QMimeData>
+#include <QTreeWidget>
+#include <QUrl>
 #include <filesystem>
 
 #include "AppDelegate.h"
 #include "AppModelFixture.h"
+#include "ItemListWindow.h"
 #include "PrivateSystemBus.h"
 #include "Records/PasswordRules.h"
 #include "Records/Paths.h"
 #include "Records/SharedState.h"
 #include "Records/SupportLock.h"
 #include "Records/UserSettings.h"
+#include "SetupWindow.h"
+#include "WindowSeams.h"
 
 namespace corvane::testing {
 
@@ -33,36 +42,31 @@ TEST_F(AppModelTest, CommandsThatArriveDuringStartUpRunAfterRecoveryInArrivalOrd
     // A lock that crashed halfway leaves work for recovery.
     std::string crashed = folder("Crashed");
     {
-        Locker locker(root / "Support", root / "Home", std::nullopt,
-                      std::make_shared<GocryptfsTool>());
+        Locker locker = engine();
         locker.crashPoint = CrashPoint::lockAfterCopy;
         EXPECT_THROW(locker.lock(crashed, "password 1", 1), SimulatedCrash);
     }
     std::string first = folder("First"), second = folder("Second");
-    model = std::make_unique<app::AppModel>(app::AppModel::Services{user, user, user, user},
-                                            configuration());
-    model->handle({Kind::lock, {first}});
+    created().handle({Kind::lock, {first}});
     model->handle({Kind::lock, {second}});
     EXPECT_TRUE(user.log.empty());
     ASSERT_TRUE(model->start());
     EXPECT_FALSE(model->isReady());
     settle();
     ASSERT_TRUE(spinUntil([&] { return model->rows().size() == 2; }));
-
-    std::vector<std::string> progress = user.entries("progress: ");
-    std::vector<std::string> expected = {"progress: Getting First ready…",
-                                         "progress: Encrypting First…",
-                                         "progress: Checking every file in First…",
-                                         "progress: Removing the unlocked original…",
-                                         "progress: Finishing up…",
-                                         "progress: Getting Second ready…"};
-    ASSERT_GE(progress.size(), expected.size());
-    EXPECT_EQ(std::vector(progress.begin(), progress.begin() + 6), expected);
-    ASSERT_FALSE(user.log.empty());
-    EXPECT_TRUE(user.log.front().starts_with("notify: ")) << user.log.front();
-    EXPECT_TRUE(model->requestArrived());
     EXPECT_EQ(model->rows()[0].name, "First");
     EXPECT_EQ(model->rows()[1].name, "Second");
+
+    // Recovery's notice comes first.
+    EXPECT_TRUE(user.log.front().starts_with("notify: ")) << user.log.front();
+    auto progress = user.entries("progress: ");
+    progress.resize(6);
+    EXPECT_EQ(progress, (std::vector<std::string>{
+                            "progress: Getting First ready…", "progress: Encrypting First…",
+                            "progress: Checking every file in First…",
+                            "progress: Removing the unlocked original…", "progress: Finishing up…",
+                            "progress: Getting Second ready…"}));
+    EXPECT_TRUE(model->requestArrived());
     EXPECT_TRUE(std::filesystem::exists(crashed + "/a.txt"));
 }
 
@@ -95,47 +99,41 @@ TEST_F(AppModelTest, WaitersResumeOnceInOrderWhenTheLastOperationEnds) {
 
 TEST_F(AppModelTest, UnlockTriesEarlierPasswordsBeforeAskingForTheItemsOwn) {
     app::AppModel& app = started();
-    await(app.lock(folder("Old")));
-    ASSERT_EQ(app.rows().size(), 1u);
-    std::string locked = *app.rows()[0].url;
-
-    struct Case {
-        const char* name;
-        StoredSecret record;
-        std::deque<std::optional<std::string>> typed;
-        std::vector<std::string> prompts;
-        bool opens;
-    };
+    std::string locked = lockedItem("Old");
     StoredSecret changed = StoredSecret{"password 1", 1, std::nullopt, {}}.changing("password 2");
     std::string mine =
         "password: Enter your Corvane password | Corvane needs your password to "
         "unlock Old";
     std::string differs =
         "password: This item uses a different password | Enter the password it was locked with.";
-    std::vector<Case> cases = {
-        {"the earlier password is still kept", changed, {"password 2"}, {mine}, true},
-        {"only the user knows it",
-         {"password 3", 3, std::nullopt, {}},
-         {"wrong", "password 3", "wrong again", "password 1"},
-         {mine, "password: Enter your Corvane password | That password did not work. Try again.",
-          differs, differs},
-         true},
-        {"the user gives up",
-         {"password 3", 3, std::nullopt, {}},
-         {"password 3", std::nullopt},
-         {mine, differs},
-         false},
-    };
-    for (auto& test : cases) {
-        SCOPED_TRACE(test.name);
-        store.save(test.record);
+    // The keyring's record, what the user types, the prompts they see, whether the item opens.
+    const std::tuple<const char*, StoredSecret, std::deque<std::optional<std::string>>,
+                     std::vector<std::string>, bool>
+        cases[] = {
+            {"the earlier password is still kept", changed, {"password 2"}, {mine}, true},
+            {"only the user knows it",
+             {"password 3", 3, std::nullopt, {}},
+             {"wrong", "password 3", "wrong again", "password 1"},
+             {mine,
+              "password: Enter your Corvane password | That password did not work. Try again.",
+              differs, differs},
+             true},
+            {"the user gives up",
+             {"password 3", 3, std::nullopt, {}},
+             {"password 3", std::nullopt},
+             {mine, differs},
+             false},
+        };
+    for (const auto& [name, record, typed, prompts, opens] : cases) {
+        SCOPED_TRACE(name);
+        store.save(record);
         user.log.clear();
-        user.passwords = test.typed;
+        user.passwords = typed;
         await(app.unlock(locked));
-        EXPECT_EQ(user.entries("password: "), test.prompts);
+        EXPECT_EQ(user.entries("password: "), prompts);
         EXPECT_TRUE(user.entries("choose: ").empty());
-        ASSERT_EQ(app.openItems().size(), test.opens ? 1u : 0u);
-        if (!test.opens) continue;
+        ASSERT_EQ(app.openItems().size(), opens ? 1u : 0u);
+        if (!opens) continue;
         EXPECT_EQ(user.entries("open: "), std::vector{"open: " + app.openItems()[0].mountPoint});
         EXPECT_EQ(readFile(app.openItems()[0].mountPoint + "/a.txt"), "alpha of Old");
         auto state = SharedState::read(root / "Runtime/state.json");
@@ -149,10 +147,8 @@ TEST_F(AppModelTest, UnlockTriesEarlierPasswordsBeforeAskingForTheItemsOwn) {
 
 TEST_F(AppModelTest, ForgetDeletesNothingAndLocateListsTheItemAgain) {
     app::AppModel& app = started();
-    await(app.lock(folder("Kept")));
-    ASSERT_EQ(app.rows().size(), 1u);
-    app::ItemRow row = app.rows()[0];
-    std::string locked = *row.url;
+    std::string locked = lockedItem("Kept");
+    app::ItemRow row = app.rows().at(0);
     auto before = tree(root / "Home");
 
     user.buttons = {"Cancel"};
@@ -191,10 +187,8 @@ TEST_F(AppModelTest, QuitWithAFileInUseAsksAndKeepsTheItemOpen) {
     app::AppDelegate delegate(app, user);
     EXPECT_TRUE(await(delegate.shouldQuit()));  // nothing open, nothing runs
 
-    await(app.lock(folder("Report")));
-    std::string locked = *app.rows()[0].url;
-    user.passwords = {"password 1"};
-    await(app.unlock(locked));
+    std::string locked = lockedItem("Report");
+    unlock(locked);
     ASSERT_EQ(app.openItems().size(), 1u);
     std::string mount = app.openItems()[0].mountPoint;
     auto holder = holding(mount + "/a.txt");
@@ -225,29 +219,18 @@ TEST_F(AppModelTest, QuitWithAFileInUseAsksAndKeepsTheItemOpen) {
 
 TEST_F(AppModelTest, PasswordChangeRefusalsComeBeforeAnythingIsSaved) {
     app::AppModel& app = started();
-    await(app.lock(folder("Moved")));
-    struct Case {
-        const char* current;
-        const char* next;
-        std::optional<std::string> answer;
-    };
-    std::vector<Case> refusals = {
-        {"password 1", "short", PasswordRules::problem("short")},
-        {"not it", "password 2", "Your current password is not correct."},
-    };
-    for (const auto& test : refusals) {
-        SCOPED_TRACE(test.current);
-        EXPECT_EQ(await(app.changePassword(test.current, test.next)), test.answer);
-        EXPECT_EQ(store.load()->generation, 1);
-    }
+    std::string locked = lockedItem("Moved");
+    EXPECT_EQ(await(app.changePassword("password 1", "short")), PasswordRules::problem("short"));
+    EXPECT_EQ(await(app.changePassword("not it", "password 2")),
+              "Your current password is not correct.");
+    EXPECT_EQ(store.load()->generation, 1);
     // An open item refuses it before the keyring is touched.
-    user.passwords = {"password 1"};
-    await(app.unlock(*app.rows()[0].url));
+    unlock(locked);
     ASSERT_EQ(app.openItems().size(), 1u);
     EXPECT_EQ(await(app.changePassword("password 1", "password 2")),
               "Lock every unlocked item first.");
     EXPECT_EQ(store.load()->password, "password 1");
-    await(app.lockNow(*app.rows()[0].url));
+    await(app.lockNow(locked));
     // While something runs, the change waits for nothing: it is refused.
     app::spawn(app.lock(folder("Busy")));
     auto refusal = await(app.changePassword("password 1", "password 2"));
@@ -262,8 +245,7 @@ TEST_F(AppModelTest, PasswordChangeRefusalsComeBeforeAnythingIsSaved) {
     EXPECT_EQ(now.generation, 2);
     EXPECT_FALSE(now.previous);
     for (const auto& row : app.rows()) EXPECT_FALSE(row.needsPasswordUpdate) << row.name;
-    user.passwords = {"password 2"};
-    await(app.unlock(*app.rows()[0].url));
+    unlock(locked, "password 2");
     EXPECT_EQ(app.openItems().size(), 1u);
     EXPECT_TRUE(user.entries("password: This item").empty());
 }
@@ -285,7 +267,7 @@ TEST_F(AppModelTest, ACancelledLockAndRemovingTheLockBothLeaveTheFilesAsTheyWere
     EXPECT_TRUE(app.rows().empty());
 
     await(app.lock(original));
-    std::string locked = *app.rows()[0].url;
+    std::string locked = *app.rows().at(0).url;
     user.log.clear();
     user.buttons = {"Cancel"};
     await(app.removeLock(locked));
@@ -310,36 +292,30 @@ TEST_F(AppModelTest, ACancelledLockAndRemovingTheLockBothLeaveTheFilesAsTheyWere
 TEST_F(AppModelTest, StartUpNeedsTheSupportLock) {
     auto other = SupportLock::acquire(root / "Support");
     ASSERT_TRUE(other);
-    app::AppModel second(app::AppModel::Services{user, user, user, user}, configuration());
-    EXPECT_FALSE(second.start());
+    EXPECT_FALSE(created().start());
     QCoreApplication::processEvents();
     EXPECT_TRUE(user.log.empty());
-    EXPECT_FALSE(second.isReady());
+    EXPECT_FALSE(model->isReady());
 }
 
 TEST_F(AppModelTest, AFingerprintStandsInForTheTypedPasswordUnlessItFailsOrIsSwitchedOff) {
     app::AppModel& app = started();
-    await(app.lock(folder("Secret")));
-    std::string locked = *app.rows()[0].url;
-    struct Case {
-        const char* scenario;
-        bool enabled;
-        bool asksFinger;
-        bool asksPassword;
-    };
-    for (const auto& test : std::vector<Case>{{"match", true, true, false},
-                                              {"no-match", true, true, true},
-                                              {"match", false, false, true},
-                                              {"no-reader", true, false, true}}) {
-        SCOPED_TRACE(std::string(test.scenario) + (test.enabled ? "" : ", switched off"));
-        PrivateSystemBus reader(test.scenario);
+    std::string locked = lockedItem("Secret");
+    // The reader's behaviour, whether the setting is on, whether each is asked for.
+    const std::tuple<const char*, bool, bool, bool> cases[] = {{"match", true, true, false},
+                                                               {"no-match", true, true, true},
+                                                               {"match", false, false, true},
+                                                               {"no-reader", true, false, true}};
+    for (const auto& [scenario, enabled, asksFinger, asksPassword] : cases) {
+        SCOPED_TRACE(std::string(scenario) + (enabled ? "" : ", switched off"));
+        PrivateSystemBus reader(scenario);
         // Switched as `corvane config` does, from another process, while the model runs.
-        UserSettings(configuration().settingsPath).setTouchIDEnabled(test.enabled);
+        UserSettings(configuration().settingsPath).setTouchIDEnabled(enabled);
         user.log.clear();
-        if (test.asksPassword) user.passwords = {"password 1"};
+        if (asksPassword) user.passwords = {"password 1"};
         await(app.unlock(locked));
-        EXPECT_EQ(user.entries("fingerprint: ").size(), test.asksFinger ? 1u : 0u);
-        EXPECT_EQ(user.entries("password: ").size(), test.asksPassword ? 1u : 0u);
+        EXPECT_EQ(user.entries("fingerprint: ").size(), asksFinger ? 1u : 0u);
+        EXPECT_EQ(user.entries("password: ").size(), asksPassword ? 1u : 0u);
         ASSERT_EQ(app.openItems().size(), 1u);
         await(app.lockNow(locked));
     }
@@ -348,12 +324,8 @@ TEST_F(AppModelTest, AFingerprintStandsInForTheTypedPasswordUnlessItFailsOrIsSwi
 TEST_F(AppModelTest, AReaderStillWaitingWhenTheModelGoesReportsToNobody) {
     auto settings = configuration();
     settings.fingerprintTimeout = std::chrono::seconds(1);
-    model =
-        std::make_unique<app::AppModel>(app::AppModel::Services{user, user, user, user}, settings);
-    ASSERT_TRUE(model->start());
-    settle();
-    await(model->lock(folder("Secret")));
-    std::string locked = *model->rows()[0].url;
+    started(settings);
+    std::string locked = lockedItem("Secret");
     PrivateSystemBus reader("silent");
     app::spawn(model->unlock(locked));
     ASSERT_TRUE(spinUntil([&] { return !user.entries("fingerprint: ").empty(); }));
@@ -389,12 +361,7 @@ TEST_F(AppModelTest, AQuitAskedWhileWorkRunsWaitsForItOrIsCancelled) {
 }
 
 TEST_F(AppModelTest, StartUpMovesItemsLeftBehindByAPasswordChange) {
-    std::string original = folder("Behind");
-    {
-        Locker locker(root / "Support", root / "Home", std::nullopt,
-                      std::make_shared<GocryptfsTool>());
-        locker.lock(original, "password 1", 1);
-    }
+    engine().lock(folder("Behind"), "password 1", 1);
     StoredSecret changed = store.load()->changing("password 2");
     store.save(changed);
     app::AppModel& app = started();
@@ -402,10 +369,78 @@ TEST_F(AppModelTest, StartUpMovesItemsLeftBehindByAPasswordChange) {
     EXPECT_FALSE(app.rows()[0].needsPasswordUpdate);
     EXPECT_EQ(*store.load(), changed.migrated());
     EXPECT_TRUE(user.entries("notify: ").empty());
-    user.passwords = {"password 2"};
-    await(app.unlock(*app.rows()[0].url));
+    unlock(*app.rows()[0].url, "password 2");
     EXPECT_EQ(app.openItems().size(), 1u);
     EXPECT_TRUE(user.entries("password: This item").empty());
+}
+
+// Setup, then a folder dropped on the item list is locked, unlocked, locked again and turned back
+// into normal files with the list's actions.
+TEST_F(AppModelTest, ANewUserSetsUpThenLocksUnlocksAndRemovesTheLockFromTheItemList) {
+    service += ":first run";
+    store = PasswordStore(service);
+    app::AppModel& app = started();
+    ASSERT_TRUE(app.needsSetup());
+
+    app::SetupWindow setup(app::WindowSeams::setup(app));
+    bool finished = false;
+    QObject::connect(&setup, &app::SetupWindow::finished, [&] { finished = true; });
+    setup.advance();
+    setup.setPasswordFields("correct horse 1", "correct horse 1", true);
+    while (!finished && setup.step() != app::SetupWindow::done) setup.advance();
+    EXPECT_FALSE(store.load()) << "saved before the last step";
+    setup.advance();
+    ASSERT_TRUE(finished) << setup.error().toStdString();
+    EXPECT_FALSE(app.needsSetup());
+    EXPECT_EQ(store.load()->password, "correct horse 1");
+    EXPECT_EQ(store.load()->generation, 1);
+    // As chosen, though no reader is there today: one added later is used.
+    EXPECT_TRUE(UserSettings(root / "settings.json").touchIDEnabled());
+
+    app::ItemListWindow list;
+    list.connectToModel(app);
+    auto* rows = list.findChild<QTreeWidget*>();
+    ASSERT_TRUE(rows);
+    // Triggers the list's action on its only row, then lets the model work until `done`.
+    auto act = [&](const char* name, auto done) {
+        rows->setCurrentItem(rows->topLevelItem(0));
+        auto* action = list.findChild<QAction*>(name);
+        ASSERT_TRUE(action && action->isEnabled()) << name;
+        action->trigger();
+        ASSERT_TRUE(spinUntil([&] { return done() && app.activity().isIdle(); })) << name;
+        QCoreApplication::processEvents();
+    };
+
+    std::string original = folder("Holiday");
+    auto before = readFile(original + "/inner/b.txt");
+    QMimeData dropped;
+    dropped.setUrls({QUrl::fromLocalFile(QString::fromStdString(original))});
+    int requested = 0;
+    QObject::connect(&list, &app::ItemListWindow::lockRequested, [&] { ++requested; });
+    QDragEnterEvent enter(QPoint(10, 10), Qt::CopyAction, &dropped, Qt::LeftButton, Qt::NoModifier);
+    QCoreApplication::sendEvent(&list, &enter);
+    QDropEvent drop(QPointF(10, 10), Qt::CopyAction, &dropped, Qt::LeftButton, Qt::NoModifier);
+    QCoreApplication::sendEvent(&list, &drop);
+    ASSERT_EQ(requested, 1);
+    ASSERT_TRUE(
+        spinUntil([&] { return rows->topLevelItemCount() == 1; }, std::chrono::seconds(20)));
+    ASSERT_TRUE(spinUntil([&] { return app.activity().isIdle(); }));
+    EXPECT_FALSE(std::filesystem::exists(original));
+    EXPECT_EQ(rows->topLevelItem(0)->text(app::ItemListWindow::statusColumn), "Locked");
+
+    user.passwords = {"correct horse 1"};
+    act("unlock", [&] { return app.openItems().size() == 1; });
+    EXPECT_TRUE(readFile(app.openItems()[0].mountPoint + "/inner/b.txt") == before);
+    EXPECT_EQ(rows->topLevelItem(0)->text(app::ItemListWindow::statusColumn), "Unlocked");
+
+    act("lockNow", [&] { return app.openItems().empty(); });
+
+    user.buttons = {"Remove Lock"};
+    user.passwords = {"correct horse 1"};
+    act("removeLock", [&] { return app.rows().empty(); });
+    EXPECT_TRUE(readFile(original + "/inner/b.txt") == before);
+    EXPECT_EQ(rows->topLevelItemCount(), 0);
+    EXPECT_TRUE(user.entries("choose: Could not").empty());
 }
 
 }  // namespace corvane::testing

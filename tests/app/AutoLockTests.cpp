@@ -59,35 +59,24 @@ bool settingsSayIdleUnavailable(app::AppModel& model) {
 }  // namespace
 
 TEST(IdlePolicyTest, LocksFromTheLimitOnAndOnlyWithItemsOpen) {
-    struct Case {
-        double seconds;
-        int minutes;
-        bool open;
-        bool locks;
-    };
-    for (auto test : std::vector<Case>{{900, 15, true, true},
-                                       {899.9, 15, true, false},
-                                       {1e9, 0, true, false},
-                                       {900, 15, false, false},
-                                       {300, 5, true, true}}) {
-        SCOPED_TRACE(std::to_string(test.seconds) + " s, " + std::to_string(test.minutes));
-        EXPECT_EQ(IdlePolicy::shouldLock(test.seconds, test.minutes, test.open), test.locks);
-    }
+    const std::tuple<double, int, bool, bool> cases[] = {{900, 15, true, true},
+                                                         {899.9, 15, true, false},
+                                                         {1e9, 0, true, false},
+                                                         {900, 15, false, false},
+                                                         {300, 5, true, true}};
+    for (const auto& [seconds, minutes, open, locks] : cases)
+        EXPECT_EQ(IdlePolicy::shouldLock(seconds, minutes, open), locks)
+            << seconds << " s, " << minutes << " min, open: " << open;
 }
 
 class AutoLockTest : public AppModelTest {
 protected:
     // The model with retries and idle checks a few times a second, once start-up is over.
     app::AppModel& startModel() {
-        model.reset();
         auto settings = configuration();
         settings.autoLockRetryInterval = 300ms;
         settings.idleCheckInterval = 100ms;
-        model = std::make_unique<app::AppModel>(app::AppModel::Services{user, user, user, user},
-                                                settings);
-        EXPECT_TRUE(model->start());
-        settle();
-        return *model;
+        return started(settings);
     }
 
     // The stand-ins, then the model; returns once auto-lock has found the session and asked for
@@ -106,14 +95,9 @@ protected:
 
     // Unlocks the item NAME, made from a new folder the first time; its mount point.
     std::string unlockItem(const std::string& name) {
-        auto url = [&]() -> std::optional<std::string> {
-            for (const auto& row : model->rows())
-                if (row.name == name && row.url) return row.url;
-            return std::nullopt;
-        };
-        if (!url()) await(model->lock(folder(name)));
-        user.passwords = {"password 1"};
-        await(model->unlock(url().value_or("")));
+        std::string item = root / ("Home/" + name + ".corvlock");
+        if (!std::filesystem::exists(item)) lockedItem(name);
+        unlock(item);
         for (const auto& item : model->openItems())
             if (item.name == name) return item.mountPoint;
         ADD_FAILURE() << name << " did not open";
@@ -145,26 +129,22 @@ TEST_F(AutoLockTest, ScreenLocksLockItemsAndFilesInUseAreReportedOnceThenRetried
     spinFor(300ms);
     EXPECT_EQ(user.entries("notify: "), std::vector{notice("Report")});
 
-    struct Source {
-        const char* name;
-        std::function<void(bool)> lock;
-    };
-    std::vector<Source> sources = {
+    const std::pair<const char*, std::function<void(bool)>> sources[] = {
         {"GNOME Shell", [&](bool on) { desktop->emitScreenSaver(kGnome, on); }},
         {"freedesktop", [&](bool on) { desktop->emitScreenSaver(kFreedesktop, on); }},
         {"logind", [&](bool on) { desktop->emitSession(on ? "Lock" : "Unlock"); }},
         {"LockedHint", [&](bool on) { desktop->changeSession("LockedHint", on); }},
     };
-    for (const auto& source : sources) {
-        SCOPED_TRACE(source.name);
+    for (const auto& [name, lock] : sources) {
+        SCOPED_TRACE(name);
         user.log.clear();
         LockAttempts attempts(app, "Report");
-        source.lock(true);
+        lock(true);
         // Retries at the short interval while the screen stays locked, reporting nothing more.
         ASSERT_TRUE(spinUntil([&] { return attempts.count >= 2; }, 10s));
         EXPECT_EQ(user.entries("notify: "), std::vector{notice("Report")});
         // Back, with little idle time, the user locks it.
-        source.lock(false);
+        lock(false);
         ASSERT_TRUE(spinUntil([&] { return !app.autoLockRetrying(); }, 5s));
         EXPECT_FALSE(app.autoLock().screenIsLocked());
         EXPECT_EQ(app.openItems().size(), 1u);
@@ -189,29 +169,25 @@ TEST_F(AutoLockTest, SleepAndShutdownGoOnOnlyOnceTheOpenItemsAreLocked) {
         EXPECT_TRUE(!on || spinUntil([&] { return !app.activity().isIdle(); }, 5s));
         sleep(on);
     };
-    struct Case {
-        const char* name;
-        std::function<void(bool)> goDown;
-        std::vector<std::string> items;
-    };
-    for (const auto& test :
-         std::vector<Case>{{"sleep", sleep, {"One", "Two", "Three"}},
-                           {"shutdown", shutdown, {"One"}},
-                           {"sleep as the screen locks", lockThenSleep, {"One"}}}) {
-        SCOPED_TRACE(test.name);
-        for (const auto& name : test.items) desktop->watchMount(unlockItem(name));
+    const std::tuple<const char*, std::function<void(bool)>, std::vector<std::string>> cases[] = {
+        {"sleep", sleep, {"One", "Two", "Three"}},
+        {"shutdown", shutdown, {"One"}},
+        {"sleep as the screen locks", lockThenSleep, {"One"}}};
+    for (const auto& [name, goDown, items] : cases) {
+        SCOPED_TRACE(name);
+        for (const auto& item : items) desktop->watchMount(unlockItem(item));
         ASSERT_TRUE(spinUntil([&] { return desktop->inhibitorsHeld() == 1; }, 5s));
         QElapsedTimer timer;
         timer.start();
-        test.goDown(true);
+        goDown(true);
         ASSERT_TRUE(spinUntil([&] { return desktop->inhibitorsHeld() == 0; }, 10s));
-        std::cout << "[ MEASURED ] " << test.name << ": " << test.items.size()
-                  << " open items locked in " << timer.elapsed() << " ms\n";
+        std::cout << "[ MEASURED ] " << name << ": " << items.size() << " open items locked in "
+                  << timer.elapsed() << " ms\n";
         EXPECT_LT(timer.elapsed(), 5000);  // logind's longest delay
         EXPECT_FALSE(desktop->mountedAtRelease().back());
         EXPECT_TRUE(app.openItems().empty());
         std::size_t asked = desktop->calls("Inhibit");
-        test.goDown(false);
+        goDown(false);
         spinFor(300ms);
         EXPECT_EQ(desktop->calls("Inhibit"), asked);  // nothing open after resuming
     }
@@ -234,30 +210,24 @@ TEST_F(AutoLockTest, SleepAndShutdownGoOnOnlyOnceTheOpenItemsAreLocked) {
 
 TEST_F(AutoLockTest, TheStoredLimitLocksOnceTheDesktopReportsThatMuchIdleness) {
     UserSettings(root / "settings.json").setIdleMinutes(5);
-    struct Idle {
-        std::uint64_t mutterMilliseconds;
-        std::uint32_t screenSaverSeconds;
-    };
-    struct Case {
-        const char* name;
-        DesktopStandIn::Present present;
-        Idle below, at;
-    };
-    for (const auto& test :
-         std::vector<Case>{{"Mutter", {.screenSaver = false}, {299'900, 0}, {300'000, 0}},
-                           {"freedesktop", {.mutter = false}, {0, 299}, {0, 300}},
-                           {"Mutter first", {}, {299'000, 400}, {300'000, 0}}}) {
-        SCOPED_TRACE(test.name);
-        app::AppModel& app = startWithDesktop(test.present);
-        desktop->mutterIdleMilliseconds = test.below.mutterMilliseconds;
-        desktop->screenSaverIdleSeconds = test.below.screenSaverSeconds;
+    // Idle time as Mutter (milliseconds) and the screen saver (seconds) report it.
+    using Idle = std::pair<std::uint64_t, std::uint32_t>;
+    const std::tuple<const char*, DesktopStandIn::Present, Idle, Idle> cases[] = {
+        {"Mutter", {.screenSaver = false}, {299'900, 0}, {300'000, 0}},
+        {"freedesktop", {.mutter = false}, {0, 299}, {0, 300}},
+        {"Mutter first", {}, {299'000, 400}, {300'000, 0}}};
+    for (const auto& [name, present, below, at] : cases) {
+        SCOPED_TRACE(name);
+        app::AppModel& app = startWithDesktop(present);
+        desktop->mutterIdleMilliseconds = below.first;
+        desktop->screenSaverIdleSeconds = below.second;
         unlockItem("Away");
         spinFor(500ms);
         EXPECT_TRUE(app.autoLock().idleAvailable());
         EXPECT_FALSE(settingsSayIdleUnavailable(app));
         EXPECT_EQ(app.openItems().size(), 1u);
-        desktop->mutterIdleMilliseconds = test.at.mutterMilliseconds;
-        desktop->screenSaverIdleSeconds = test.at.screenSaverSeconds;
+        desktop->mutterIdleMilliseconds = at.first;
+        desktop->screenSaverIdleSeconds = at.second;
         EXPECT_TRUE(spinUntil([&] { return app.openItems().empty(); }, 10s));
     }
 

@@ -48,12 +48,6 @@ protected:
         ASSERT_TRUE(spinUntil([&] { return model->activity().isIdle(); }));
     }
 
-    // A locked item made from a new folder `name`.
-    std::string lockedItem(const std::string& name) {
-        await(model->lock(folder(name)));
-        return root / ("Home/" + name + ".corvlock");
-    }
-
     bool isOpen() const { return !model->openItems().empty(); }
 
     TempDir runtime;
@@ -64,25 +58,24 @@ protected:
 };
 
 TEST_F(CommandReceiverTest, AStrangersLockIsAskedAndOnlyLockGoesAheadTheApplicationsIsNot) {
-    struct {
-        bool trusted;
-        std::optional<std::string> button;
-        bool locked;
-    } cases[] = {{false, "Cancel", false}, {false, "Lock", true}, {true, std::nullopt, true}};
-    for (const auto& each : cases) {
-        std::string name = "Taxes " + each.button.value_or("trusted");
-        receiveAs(each.trusted);
+    // Whether the sender is the application, the button pressed when asked, whether it locks.
+    const std::tuple<bool, std::optional<std::string>, bool> cases[] = {
+        {false, "Cancel", false}, {false, "Lock", true}, {true, std::nullopt, true}};
+    for (const auto& [trusted, button, locked] : cases) {
+        std::string name = "Taxes " + button.value_or("trusted");
+        SCOPED_TRACE(name);
+        receiveAs(trusted);
         std::string original = folder(name);
-        if (each.button) user.buttons = {*each.button};
+        if (button) user.buttons = {*button};
+        user.log.clear();
         send(commandURL("lock", original));
         EXPECT_EQ(user.entries("choose: "),
-                  each.button ? std::vector<std::string>{kAsked + name +
-                                                         ". Lock it? | Only lock it if you asked "
-                                                         "for this."}
-                              : std::vector<std::string>{});
-        EXPECT_EQ(std::filesystem::exists(original + ".corvlock"), each.locked) << name;
-        EXPECT_EQ(std::filesystem::exists(original + "/a.txt"), !each.locked) << name;
-        user.log.clear();
+                  button ? std::vector{kAsked + name +
+                                       ". Lock it? | Only lock it if you asked for "
+                                       "this."}
+                         : std::vector<std::string>{});
+        EXPECT_EQ(std::filesystem::exists(original + ".corvlock"), locked);
+        EXPECT_EQ(std::filesystem::exists(original + "/a.txt"), !locked);
     }
 }
 
@@ -120,20 +113,31 @@ TEST_F(CommandReceiverTest, NonCommandsAreDroppedAndActionsThatAskOrOnlyShowAreN
     EXPECT_EQ(user.entries("open: ").size(), 1u);
 }
 
-TEST_F(CommandReceiverTest, LockNowAndRevealOfAnItemThatIsNotOpenSayWhy) {
+// A command that waits for the model keeps the ones behind it waiting: a locked item's path that
+// arrives right after a reveal is opened after the reveal found it closed, not before.
+TEST_F(CommandReceiverTest, LockNowAndRevealOfAClosedItemSayWhyAndCommandsRunInArrivalOrder) {
     receiveAs(true);
     std::string locked = lockedItem("Taxes");
-    const std::string notOpen = "notify: Corvane | Taxes is not unlocked.";
-    for (const char* host : {"lock-now", "reveal"}) {
-        user.log.clear();
-        send(commandURL(host, locked));
-        ASSERT_TRUE(spinUntil([&] { return !user.log.empty(); }, 10s)) << host;
-        EXPECT_EQ(user.log, std::vector<std::string>{notOpen}) << host;
-    }
+    const std::vector<std::string> notOpen = {"notify: Corvane | Taxes is not unlocked."};
+    user.log.clear();
+    send(commandURL("lock-now", locked));
+    ASSERT_TRUE(spinUntil([&] { return !user.log.empty(); }, 10s));
+    EXPECT_EQ(user.log, notOpen);
 
+    user.log.clear();
     user.passwords = {"password 1"};
-    await(model->unlock(locked));
-    ASSERT_TRUE(isOpen());
+    ASSERT_TRUE(InstanceChannel::send(commandURL("reveal", locked), 1000));
+    ASSERT_TRUE(spinUntil([&] { return received == 2; }, 5s));
+    ASSERT_TRUE(InstanceChannel::send(QByteArray::fromStdString(locked), 1000));
+    ASSERT_TRUE(spinUntil([&] { return isOpen() && model->activity().isIdle(); }, 10s));
+    auto told = user.entries("notify: "), asked = user.entries("password: ");
+    ASSERT_EQ(told, notOpen);
+    ASSERT_EQ(asked.size(), 1u);
+    EXPECT_LT(std::find(user.log.begin(), user.log.end(), told[0]),
+              std::find(user.log.begin(), user.log.end(), asked[0]));
+    EXPECT_TRUE(user.entries("reveal: ").empty());
+
+    // Open, both do what they say without a word.
     user.log.clear();
     send(commandURL("reveal", locked));
     ASSERT_TRUE(spinUntil([&] { return !user.entries("reveal: ").empty(); }, 10s));
@@ -142,29 +146,8 @@ TEST_F(CommandReceiverTest, LockNowAndRevealOfAnItemThatIsNotOpenSayWhy) {
     EXPECT_TRUE(user.entries("notify: Corvane").empty());
 }
 
-// A command that waits for the model keeps the ones behind it waiting: a locked item's path that
-// arrives after a reveal is opened after the reveal found it closed, not before.
-TEST_F(CommandReceiverTest, CommandsAreCarriedOutInTheOrderTheyArrived) {
-    receiveAs(true);
-    std::string locked = lockedItem("Taxes");
-    user.log.clear();
-    user.passwords = {"password 1"};
-    ASSERT_TRUE(InstanceChannel::send(commandURL("reveal", locked), 1000));
-    ASSERT_TRUE(spinUntil([&] { return received == 1; }, 5s));
-    ASSERT_TRUE(InstanceChannel::send(QByteArray::fromStdString(locked), 1000));
-    ASSERT_TRUE(spinUntil([&] { return isOpen() && model->activity().isIdle(); }, 10s));
-    auto told = user.entries("notify: "), asked = user.entries("password: ");
-    ASSERT_EQ(told, std::vector<std::string>{"notify: Corvane | Taxes is not unlocked."});
-    ASSERT_EQ(asked.size(), 1u);
-    EXPECT_LT(std::find(user.log.begin(), user.log.end(), told[0]),
-              std::find(user.log.begin(), user.log.end(), asked[0]));
-}
-
 TEST(CommandReceiverPathsTest, OnlyALockedItemsPathOrFileURLIsTakenForOne) {
-    struct {
-        QByteArray message;
-        std::optional<std::string> path;
-    } cases[] = {
+    const std::pair<QByteArray, std::optional<std::string>> cases[] = {
         {"/home/ann/Tax Files.corvlock", "/home/ann/Tax Files.corvlock"},
         {"/home/ann/Tax.corvlock/", "/home/ann/Tax.corvlock/"},
         {"file:///home/ann/Tax%20Files.corvlock", "/home/ann/Tax Files.corvlock"},
@@ -177,9 +160,8 @@ TEST(CommandReceiverPathsTest, OnlyALockedItemsPathOrFileURLIsTakenForOne) {
         {"home/ann/Tax.corvlock", std::nullopt},
         {"corvane://unlock?path=%2Fhome%2Fann%2FTax.corvlock", std::nullopt},
     };
-    for (const auto& each : cases)
-        EXPECT_EQ(CommandReceiver::lockedItemPath(each.message), each.path)
-            << each.message.constData();
+    for (const auto& [message, path] : cases)
+        EXPECT_EQ(CommandReceiver::lockedItemPath(message), path) << message.constData();
 }
 
 TEST(CommandReceiverPathsTest, TheSendersTheCheckNamesAreTheOnesCommandsTrust) {

@@ -12,7 +12,6 @@
 #include <QDBusObjectPath>
 #include <QDBusUnixFileDescriptor>
 #include <QDBusVariant>
-#include <array>
 #include <atomic>
 #include <cstdint>
 #include <memory>
@@ -27,11 +26,10 @@ class DesktopStandIn {
 public:
     static inline const QString sessionPath = QStringLiteral("/org/freedesktop/login1/session/_31");
 
+    // Which idle-time services are there; logind and GNOME's screen saver always are.
     struct Present {
-        bool logind = true;
         bool mutter = true;
         bool screenSaver = true;  // org.freedesktop.ScreenSaver
-        bool gnomeScreenSaver = true;
     };
 
     std::atomic<std::uint64_t> mutterIdleMilliseconds{0};
@@ -45,13 +43,12 @@ public:
             std::optional<QVariantList> answer = misbehave ? misbehave(call) : std::nullopt;
             return answer ? answer : properAnswer(call);
         };
-        QStringList sessionServices;
+        if (pipe2(stop_, O_CLOEXEC) != 0) throw std::runtime_error("no pipe");
+        QStringList sessionServices{QStringLiteral("org.gnome.ScreenSaver")};
         if (present.mutter) sessionServices << QStringLiteral("org.gnome.Mutter.IdleMonitor");
         if (present.screenSaver) sessionServices << QStringLiteral("org.freedesktop.ScreenSaver");
-        if (present.gnomeScreenSaver) sessionServices << QStringLiteral("org.gnome.ScreenSaver");
         system_ = std::make_unique<BusServiceStandIn>(
-            systemAddress,
-            present.logind ? QStringList{QStringLiteral("org.freedesktop.login1")} : QStringList(),
+            systemAddress, QStringList{QStringLiteral("org.freedesktop.login1")},
             QStringLiteral("/"), answer);
         session_ = std::make_unique<BusServiceStandIn>(sessionAddress, sessionServices,
                                                        QStringLiteral("/"), answer);
@@ -147,13 +144,7 @@ private:
         return handed;
     }
 
-    static std::array<int, 2> newPipe() {
-        std::array<int, 2> ends{-1, -1};
-        if (pipe2(ends.data(), O_CLOEXEC) != 0) throw std::runtime_error("no pipe");
-        return ends;
-    }
-
-    const std::array<int, 2> stop_ = newPipe();
+    int stop_[2];
     std::atomic<int> held_{0};
     mutable std::mutex lock_;
     std::vector<bool> mountedAtRelease_;
