@@ -1,5 +1,6 @@
-// The prompts, the progress window, the password form and the settings, on Qt's offscreen
-// platform: modal dialogs are answered from the event loop as a user would answer them.
+// The prompts, the progress window, the password form, the settings and the setup window, on Qt's
+// offscreen platform: modal dialogs are answered from the event loop as a user would answer them,
+// and the windows' seams record what reached the model and the system.
 #include <gtest/gtest.h>
 
 #include <QAbstractButton>
@@ -21,7 +22,9 @@
 #include "ProgressWindow.h"
 #include "PromptPanel.h"
 #include "Records/ByteCount.h"
+#include "Records/PasswordRules.h"
 #include "SettingsWindow.h"
+#include "SetupWindow.h"
 #include "WaitList.h"
 
 namespace corvane::app {
@@ -35,102 +38,90 @@ void whenModal(std::function<void(QWidget*)> answer, int attempts = 200) {
     });
 }
 
+// The button or box labelled `text` that is not hidden, if any.
 QAbstractButton* buttonNamed(QWidget* dialog, const QString& text) {
     for (auto* button : dialog->findChildren<QAbstractButton*>())
-        if (button->text() == text) return button;
+        if (button->text() == text && !button->isHidden()) return button;
     return nullptr;
 }
 
 TEST(PromptPanelTest, ChooseGivesTheClickedButtonsIndexAndTheLastOnClose) {
-    struct Case {
-        const char* click;  // nothing: the box is closed
-        int index;
-    };
     const std::vector<std::string> buttons = {"Relock", "Keep Open", "Cancel"};
-    const Case cases[] = {{"Relock", 0}, {"Keep Open", 1}, {"Cancel", 2}, {nullptr, 2}};
+    // The button clicked (none: the box is closed) and the answer.
+    const std::pair<const char*, int> cases[] = {
+        {"Relock", 0}, {"Keep Open", 1}, {"Cancel", 2}, {nullptr, 2}};
     PromptPanel panel;
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.click ? c.click : "closed");
+    for (const auto& [click, index] : cases) {
+        SCOPED_TRACE(click ? click : "closed");
         QString title;
         bool markupShown = false;
-        whenModal([&](QWidget* box) {
+        whenModal([&, click = click](QWidget* box) {
             title = box->windowTitle();
             for (auto* label : box->findChildren<QLabel*>())
                 markupShown |=
                     label->text().contains("<b>") && label->textFormat() == Qt::PlainText;
-            if (c.click)
-                buttonNamed(box, c.click)->click();
-            else
-                box->close();
+            click ? buttonNamed(box, click)->click() : (void)box->close();
         });
-        EXPECT_EQ(panel.choose("Relock Photos?", "<b>Photos</b> is in use.", buttons), c.index);
+        EXPECT_EQ(panel.choose("Relock Photos?", "<b>Photos</b> is in use.", buttons), index);
         EXPECT_EQ(title, "Corvane");
         EXPECT_TRUE(markupShown);
     }
 }
 
 TEST(PromptPanelTest, PasswordTellsAnEmptyEntryFromACancel) {
-    struct Case {
-        const char* typed;
-        const char* button;
-        std::optional<std::string> result;
-    };
-    const Case cases[] = {
+    const std::tuple<const char*, const char*, std::optional<std::string>> cases[] = {
         {"hunter2 ü", "OK", "hunter2 ü"},
         {"", "OK", ""},
         {"hunter2", "Cancel", std::nullopt},
         {"", "Cancel", std::nullopt},
     };
     PromptPanel panel;
-    for (const Case& c : cases) {
-        SCOPED_TRACE(::testing::Message() << c.typed << " " << c.button);
+    for (const auto& [typed, button, result] : cases) {
+        SCOPED_TRACE(::testing::Message() << typed << " " << button);
         bool focused = false;
         QLineEdit::EchoMode echo = QLineEdit::Normal;
-        whenModal([&](QWidget* dialog) {
+        whenModal([&, typed = typed, button = button](QWidget* dialog) {
             auto* field = dialog->findChild<QLineEdit*>();
             focused = dialog->focusWidget() == field;
             echo = field->echoMode();
-            field->setText(QString::fromUtf8(c.typed));
-            buttonNamed(dialog, c.button)->click();
+            field->setText(QString::fromUtf8(typed));
+            buttonNamed(dialog, button)->click();
         });
-        EXPECT_EQ(panel.password("Unlock Photos", "Enter your Corvane password."), c.result);
+        EXPECT_EQ(panel.password("Unlock Photos", "Enter your Corvane password."), result);
         EXPECT_TRUE(focused);
         EXPECT_EQ(echo, QLineEdit::Password);
     }
 }
 
 TEST(PromptPanelTest, ItemsToLockMayBeFilesAndFoldersButALockedItemMustBeACorvlockFolder) {
-    struct Case {
-        bool lockedItem;  // which chooser
-        QStringList selected;
-        bool accepted;
-    };
-    const Case cases[] = {{false, {"Photos", "notes.txt"}, true},
-                          {true, {"Photos.corvlock"}, true},
-                          {true, {"Photos"}, false}};
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.selected.join(", ").toStdString());
+    // Which chooser (the locked item's or the items to lock'), what is selected, and whether
+    // the chooser takes it.
+    const std::tuple<bool, QStringList, bool> cases[] = {{false, {"Photos", "notes.txt"}, true},
+                                                         {true, {"Photos.corvlock"}, true},
+                                                         {true, {"Photos"}, false}};
+    for (const auto& [lockedItem, selected, accepted] : cases) {
+        SCOPED_TRACE(selected.join(", ").toStdString());
         QTemporaryDir folder;
         std::vector<std::string> expected;
-        for (const QString& name : c.selected) {
+        for (const QString& name : selected) {
             if (name.endsWith(".txt"))
                 QFile(folder.filePath(name)).open(QIODevice::WriteOnly);
             else
                 QDir(folder.path()).mkdir(name);
-            if (c.accepted) expected.push_back(folder.filePath(name).toStdString());
+            if (accepted) expected.push_back(folder.filePath(name).toStdString());
         }
         bool acceptEnabled = false;
         // The chooser is shown on the test's folder, where the user selects the names.
-        whenModal([&](QWidget* widget) {
+        whenModal([&, lockedItem = lockedItem, selected = selected](QWidget* widget) {
             auto* dialog = static_cast<QFileDialog*>(widget);
             dialog->setDirectory(folder.path());
             auto* model = dialog->findChild<QFileSystemModel*>();
             auto* view = dialog->findChild<QListView*>("listView");
-            for (const QString& name : c.selected)
+            for (const QString& name : selected)
                 view->selectionModel()->select(
                     model->index(folder.filePath(name)),
                     QItemSelectionModel::Select | QItemSelectionModel::Rows);
-            QAbstractButton* button = buttonNamed(dialog, c.lockedItem ? "Choose" : "Lock");
+            QAbstractButton* button = buttonNamed(dialog, lockedItem ? "Choose" : "Lock");
             acceptEnabled = button->isEnabled();
             if (acceptEnabled)
                 button->click();
@@ -139,24 +130,20 @@ TEST(PromptPanelTest, ItemsToLockMayBeFilesAndFoldersButALockedItemMustBeACorvlo
         });
         PromptPanel panel;
         std::vector<std::string> chosen;
-        if (!c.lockedItem)
+        if (!lockedItem)
             chosen = panel.chooseItemsToLock();
         else if (auto item = panel.chooseLockedItem("Photos"))
             chosen.push_back(*item);
         std::sort(chosen.begin(), chosen.end());
-        EXPECT_EQ(acceptEnabled, c.accepted);
+        EXPECT_EQ(acceptEnabled, accepted);
         EXPECT_EQ(chosen, expected);
     }
 }
 
 TEST(PromptPanelTest, TheFingerprintNoticeCallsForThePasswordOnceAndOnlyWhenAsked) {
-    struct Case {
-        const char* action;
-        int calls;
-    };
-    const Case cases[] = {{"button", 1}, {"close", 1}, {"finished", 0}};
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.action);
+    for (const auto& [action, called] :
+         {std::pair("button", 1), std::pair("close", 1), std::pair("finished", 0)}) {
+        SCOPED_TRACE(action);
         PromptPanel panel;
         int calls = 0;
         panel.fingerprintWaiting("unlock Photos", [&] { ++calls; });
@@ -164,13 +151,13 @@ TEST(PromptPanelTest, TheFingerprintNoticeCallsForThePasswordOnceAndOnlyWhenAske
         ASSERT_NE(notice, nullptr);
         EXPECT_FALSE(notice->isModal());
         EXPECT_NE(buttonNamed(notice, "Use Corvane Password"), nullptr);
-        std::string action = c.action;
-        if (action == "button") buttonNamed(notice, "Use Corvane Password")->click();
-        if (action == "close") notice->close();
-        if (action == "finished") panel.fingerprintFinished();
+        if (action == std::string("button")) buttonNamed(notice, "Use Corvane Password")->click();
+        if (action == std::string("close")) notice->close();
+        // Finishing twice, or after the password was called for, calls for nothing more.
+        panel.fingerprintFinished();
         panel.fingerprintFinished();
         QCoreApplication::processEvents();
-        EXPECT_EQ(calls, c.calls);
+        EXPECT_EQ(calls, called);
         EXPECT_EQ(panel.fingerprintDialog(), nullptr);
     }
 }
@@ -204,21 +191,17 @@ TEST(ProgressWindowTest, OneWindowFollowsTheLatestMessageAndBytes) {
 }
 
 TEST(ChangePasswordDialogTest, MatchesLocallyThenWaitsForTheModel) {
-    struct Case {
-        const char* confirmation;
-        std::optional<std::string> answer;
-        int calls;
-        QString error;
-        bool closed;
+    // What is typed as the confirmation, the model's answer and the error the dialog shows; the
+    // dialog closes only when neither says no.
+    const std::tuple<const char*, std::optional<std::string>, QString> cases[] = {
+        {"new password!", std::nullopt, ""},
+        {"new password!", "The current password is not right.",
+         "The current password is not right."},
+        {"new password?", std::nullopt, "The passwords do not match."},
     };
-    const Case cases[] = {
-        {"new password!", std::nullopt, 1, "", true},
-        {"new password!", "The current password is not right.", 1,
-         "The current password is not right.", false},
-        {"new password?", std::nullopt, 0, "The passwords do not match.", false},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.confirmation);
+    for (const auto& [confirmation, answer, error] : cases) {
+        SCOPED_TRACE(confirmation);
+        const bool matches = confirmation == std::string("new password!");
         WaitList model(QCoreApplication::instance());
         int calls = 0;
         std::pair<std::string, std::string> passed;
@@ -227,17 +210,17 @@ TEST(ChangePasswordDialogTest, MatchesLocallyThenWaitsForTheModel) {
                 ++calls;
                 passed = {current, next};
                 co_await model.wait();
-                co_return c.answer;
+                co_return answer;
             });
         dialog.show();
         auto fields = dialog.findChildren<QLineEdit*>();
         ASSERT_EQ(fields.size(), 3);
         fields[0]->setText("old password");
         fields[1]->setText("new password!");
-        fields[2]->setText(c.confirmation);
+        fields[2]->setText(confirmation);
         buttonNamed(&dialog, "Change Password")->click();
-        EXPECT_EQ(calls, c.calls);
-        if (c.calls) {
+        EXPECT_EQ(calls, matches ? 1 : 0);
+        if (matches) {
             EXPECT_EQ(passed, std::pair(std::string("old password"), std::string("new password!")));
             EXPECT_FALSE(buttonNamed(&dialog, "Change Password")->isEnabled());
             EXPECT_FALSE(buttonNamed(&dialog, "Cancel")->isEnabled());
@@ -246,8 +229,8 @@ TEST(ChangePasswordDialogTest, MatchesLocallyThenWaitsForTheModel) {
             model.resumeAll();
             ASSERT_TRUE(testing::spinUntil([&] { return !dialog.busy(); }));
         }
-        EXPECT_EQ(dialog.error(), c.error);
-        EXPECT_EQ(dialog.isVisible(), !c.closed);
+        EXPECT_EQ(dialog.error(), error);
+        EXPECT_EQ(dialog.isVisible(), !error.isEmpty());
         EXPECT_EQ(buttonNamed(&dialog, "Cancel")->isEnabled(), true);
     }
 }
@@ -295,6 +278,154 @@ TEST(SettingsWindowTest, ShowsTheSeamsValuesAndPassesOnTheUsersChanges) {
     EXPECT_TRUE(menuBox->isChecked());
     EXPECT_TRUE(menu);
     EXPECT_TRUE(window.error().isEmpty());
+}
+
+struct Harness {
+    explicit Harness(bool reader = true)
+        : window({.fingerprintAvailable = reader,
+                  .diskEncryptionOn = [] { return true; },
+                  .fileManagerMenuEnabled = [this] { return menuOn; },
+                  .enableFileManagerMenu =
+                      [this] {
+                          if (!menuFailure) menuOn = true;
+                          return menuFailure;
+                      },
+                  .save =
+                      [this](const std::string& password, bool useFingerprint) {
+                          saved.push_back({password, useFingerprint});
+                          return saveFailure;
+                      }}) {
+        QObject::connect(&window, &SetupWindow::finished, [this] { ++finished; });
+    }
+
+    QAbstractButton* button(const QString& text) { return buttonNamed(&window, text); }
+    void type(const QString& password, const QString& confirmation, bool understood = true) {
+        window.setPasswordFields(password, confirmation, understood);
+    }
+    // The fields filled and checked, on the step after the password.
+    void passPassword() {
+        window.showStep(SetupWindow::password);
+        type("correct horse", "correct horse");
+        window.advance();
+    }
+
+    bool menuOn = false;
+    std::optional<std::string> menuFailure;
+    std::optional<std::string> saveFailure;
+    std::vector<std::pair<std::string, bool>> saved;
+    SetupWindow window;
+    int finished = 0;
+};
+
+TEST(SetupWindowTest, ContinueFollowsTheFieldsAndTheBoxThenChecksTheRulesBeforeTheMatch) {
+    // The fields and the box; whether Continue is enabled; the error once it is clicked (none: on
+    // to the next step). One window through all rows: each change must update the button at once.
+    const std::tuple<const char*, const char*, bool, bool, std::optional<std::string>> cases[] = {
+        {"", "", false, false, {}},
+        {"secret", "", true, false, {}},
+        {"", "secret", true, false, {}},
+        {"secret", "other", false, false, {}},
+        {"short", "different", true, true, PasswordRules::problem("short")},
+        {"secret", "", true, false, {}},
+        {"x", "y", true, true, PasswordRules::problem("x")},
+        {"long enough one", "long enough two", true, true, "The passwords do not match."},
+        {"long enough one", "long enough one", true, true, std::nullopt},
+    };
+    Harness setup;
+    setup.window.showStep(SetupWindow::password);
+    for (const auto& [password, confirmation, understood, enabled, error] : cases) {
+        SCOPED_TRACE(::testing::Message() << password << "/" << confirmation << "/" << understood);
+        setup.type(password, confirmation, understood);
+        ASSERT_NE(setup.button("Continue"), nullptr);
+        EXPECT_EQ(setup.button("Continue")->isEnabled(), enabled);
+        EXPECT_EQ(setup.window.canAdvance(), enabled);
+        if (!enabled) continue;
+        setup.button("Continue")->click();
+        EXPECT_EQ(setup.window.error().toStdString(), error.value_or(""));
+        EXPECT_EQ(setup.window.step(), error ? SetupWindow::password : SetupWindow::fingerprint);
+    }
+}
+
+TEST(SetupWindowTest, StepsMoveOverTheFingerprintStepOnlyWithoutAReader) {
+    // With a reader or not: from one step, by one forward or back, to another.
+    const std::tuple<bool, int, int, int> cases[] = {
+        {true, SetupWindow::password, 1, SetupWindow::fingerprint},
+        {true, SetupWindow::fileManager, -1, SetupWindow::fingerprint},
+        {false, SetupWindow::password, 1, SetupWindow::fileManager},
+        {false, SetupWindow::fileManager, -1, SetupWindow::password},
+        {true, SetupWindow::welcome, -1, SetupWindow::welcome},
+        {true, SetupWindow::done, 1, SetupWindow::done},
+        {true, SetupWindow::done, -1, SetupWindow::diskProtection},
+    };
+    for (const auto& [reader, from, by, to] : cases) {
+        Harness setup(reader);
+        setup.window.showStep(from);
+        setup.window.move(by);
+        EXPECT_EQ(setup.window.step(), to) << reader << " " << from << " by " << by;
+    }
+}
+
+TEST(SetupWindowTest, SavesOnlyAtTheLastButtonWithTheFingerprintChoiceAndStaysThereOnFailure) {
+    const std::string failure = "Could not save your password to the keyring.";
+    // With a reader or not, the fingerprint box left ticked or not, the choice saved (as made, even
+    // without a reader today), and whether the first save fails.
+    const std::tuple<bool, bool, bool, bool> cases[] = {{true, true, true, false},
+                                                        {true, false, false, false},
+                                                        {false, true, true, false},
+                                                        {true, true, true, true}};
+    for (const auto& [reader, keepFingerprint, saved, failsFirst] : cases) {
+        SCOPED_TRACE(::testing::Message() << reader << " " << keepFingerprint << " " << failsFirst);
+        Harness setup(reader);
+        setup.passPassword();
+        for (auto* box : setup.window.findChildren<QCheckBox*>())
+            if (box->text() == "Use fingerprint to unlock") box->setChecked(keepFingerprint);
+        while (setup.window.step() != SetupWindow::done) {
+            EXPECT_TRUE(setup.saved.empty());
+            setup.window.advance();
+        }
+        EXPECT_TRUE(setup.saved.empty());
+        ASSERT_NE(setup.button("Start Using Corvane"), nullptr);
+        if (failsFirst) {
+            setup.saveFailure = failure;
+            setup.button("Start Using Corvane")->click();
+            EXPECT_EQ(setup.window.step(), SetupWindow::done);
+            EXPECT_EQ(setup.window.error().toStdString(), failure);
+            EXPECT_EQ(setup.finished, 0);
+            setup.saveFailure.reset();
+        }
+        setup.button("Start Using Corvane")->click();
+        ASSERT_EQ(setup.saved.size(), failsFirst ? 2u : 1u);
+        EXPECT_EQ(setup.saved.back(), std::pair(std::string("correct horse"), saved));
+        EXPECT_EQ(setup.finished, 1);
+    }
+}
+
+TEST(SetupWindowTest, FileManagerStepShowsWhatTheMenuSwitchDid) {
+    // The menu on when the step shows; why turning it on fails; whether the button is clicked;
+    // then whether the button, "is on" and "added" are shown.
+    const std::tuple<bool, std::optional<std::string>, bool, bool, bool, bool> cases[] = {
+        {false, std::nullopt, false, true, false, false},
+        {true, std::nullopt, false, false, true, false},
+        {false, std::nullopt, true, false, true, true},
+        {false, "Could not write the menu.", true, true, false, false},
+    };
+    for (const auto& [onAtShow, failure, click, buttonShown, onShown, addedShown] : cases) {
+        SCOPED_TRACE(::testing::Message() << onAtShow << " " << click);
+        Harness setup;
+        setup.menuOn = onAtShow;
+        setup.menuFailure = failure;
+        setup.window.showStep(SetupWindow::fileManager);
+        if (click) setup.button("Turn On File Manager Menu")->click();
+        EXPECT_EQ(setup.button("Turn On File Manager Menu") != nullptr, buttonShown);
+        auto shown = [&](const QString& prefix) {
+            for (auto* label : setup.window.findChildren<QLabel*>())
+                if (label->text().startsWith(prefix)) return !label->isHidden();
+            return false;
+        };
+        EXPECT_EQ(shown("The file manager menu is on"), onShown);
+        EXPECT_EQ(shown("Corvane added its menu"), addedShown);
+        EXPECT_EQ(setup.window.error().toStdString(), failure.value_or(""));
+    }
 }
 
 }  // namespace
