@@ -1,7 +1,6 @@
 // Commands sent over the real command socket to a receiver in front of the real model: which are
-// confirmed, which are dropped, and what the user hears when one does not apply. This test
-// process is the sender; it counts as the application or as an unknown program depending on
-// what the receiver is told the application's program file is.
+// confirmed, which are dropped, and what the user hears. This process is the sender, taken for the
+// application or a stranger by the program file the receiver is told is the application's.
 #include <QUrl>
 
 #include "AppModelFixture.h"

@@ -1,8 +1,7 @@
-// The desktop services auto-lock listens to, standing in on private buses: logind (its manager
-// and one session) on a system bus, Mutter's idle monitor and two screen savers on a session bus.
-// The test sends their signals and sets the idle time they report; each sleep inhibitor handed
-// out is a pipe whose closing a thread notices at once, noting whether a watched mount was still
-// there. Created and driven on the main thread; calls arrive on Qt's D-Bus thread.
+// logind (manager and one session), Mutter's idle monitor and two screen savers on private buses,
+// sending what the test asks and reporting the idle time it sets. Each sleep inhibitor is a pipe
+// whose closing a thread notices at once, noting whether a watched mount was still there. Driven
+// on the main thread; calls arrive on Qt's D-Bus thread.
 #pragma once
 
 #include <fcntl.h>

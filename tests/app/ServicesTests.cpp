@@ -1,6 +1,5 @@
-// The application's system services against real counterparts: stand-in notification and
-// file-manager services on a private session bus, scripts standing in for the programs started,
-// real files under fake XDG folders and real Unix sockets.
+// The application's system services against stand-in notification and file-manager services on a
+// private bus, scripts for the programs started, files under fake XDG folders and real sockets.
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -451,19 +450,24 @@ bool closedByPeer(int fd, int waitMs = 0) {
     return poll(&readable, 1, waitMs) > 0 && recv(fd, &byte, 1, MSG_DONTWAIT) <= 0;
 }
 
-TEST(InstanceChannelTest, OneCopyListensAndLinesFromOurOwnUserAreDelivered) {
+// A runtime folder of the test's own and a channel there, not yet listening.
+class InstanceChannelTest : public ::testing::Test {
+protected:
+    RuntimeFolder runtime;
+    InstanceChannel channel;
+    Received received{channel};
+};
+
+TEST_F(InstanceChannelTest, OneCopyListensAndLinesFromOurOwnUserAreDelivered) {
     {
         ScopedVariable unset("XDG_RUNTIME_DIR", std::nullopt);
-        InstanceChannel channel;
-        EXPECT_FALSE(channel.listen());
+        InstanceChannel nowhere;
+        EXPECT_FALSE(nowhere.listen());
         EXPECT_FALSE(InstanceChannel::send("show", 200));
     }
-    RuntimeFolder runtime;
     // Made earlier, looser, by the writer of the shared state.
     ASSERT_EQ(mkdir((runtime.folder / "corvane").c_str(), 0755), 0);
     EXPECT_FALSE(InstanceChannel::send("show", 200)) << "nobody listens yet";
-    InstanceChannel channel;
-    Received received(channel);
     ASSERT_TRUE(channel.listen());
     EXPECT_EQ(permissions(runtime.folder / "corvane"), 0700u);
     EXPECT_EQ(permissions(runtime.socket()), 0600u);
@@ -488,10 +492,7 @@ TEST(InstanceChannelTest, OneCopyListensAndLinesFromOurOwnUserAreDelivered) {
 
 // A sender that connects and then runs another program to write its line is not the one that
 // connected: its line is dropped. One that stays itself is heard.
-TEST(InstanceChannelTest, ASenderThatRunsAnotherProgramAfterConnectingIsNotHeard) {
-    RuntimeFolder runtime;
-    InstanceChannel channel;
-    Received received(channel);
+TEST_F(InstanceChannelTest, ASenderThatRunsAnotherProgramAfterConnectingIsNotHeard) {
     ASSERT_TRUE(channel.listen());
     for (const bool runsAnother : {true, false}) {
         int go[2];
@@ -521,7 +522,7 @@ TEST(InstanceChannelTest, ASenderThatRunsAnotherProgramAfterConnectingIsNotHeard
     EXPECT_EQ(received.messages, std::vector<QByteArray>{"corvane://lock?path=%2Fb"});
 }
 
-TEST(InstanceChannelTest, OnlyASocketNobodyAnswersOnIsTakenOver) {
+TEST(InstanceChannelTakeOverTest, OnlyASocketNobodyAnswersOnIsTakenOver) {
     enum Left { staleSocket, regularFile, link };
     for (Left left : {staleSocket, regularFile, link}) {
         RuntimeFolder runtime;
@@ -548,10 +549,7 @@ TEST(InstanceChannelTest, OnlyASocketNobodyAnswersOnIsTakenOver) {
     }
 }
 
-TEST(InstanceChannelTest, OversizedAndSilentPeersAreDroppedWithoutHoldingUpOthers) {
-    RuntimeFolder runtime;
-    InstanceChannel channel;
-    Received received(channel);
+TEST_F(InstanceChannelTest, OversizedAndSilentPeersAreDroppedWithoutHoldingUpOthers) {
     ASSERT_TRUE(channel.listen());
 
     QElapsedTimer timer;
@@ -582,11 +580,8 @@ TEST(InstanceChannelTest, OversizedAndSilentPeersAreDroppedWithoutHoldingUpOther
     EXPECT_EQ(received.messages, (std::vector<QByteArray>{"show"}));
 }
 
-TEST(InstanceChannelTest, PeerOfAnotherUserIsDroppedUnread) {
+TEST_F(InstanceChannelTest, PeerOfAnotherUserIsDroppedUnread) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root to connect as another user";
-    RuntimeFolder runtime;
-    InstanceChannel channel;
-    Received received(channel);
     ASSERT_TRUE(channel.listen());
     // Opened up for this test only, so that the other user reaches the socket at all.
     chmod((runtime.folder / "corvane").c_str(), 0711);
