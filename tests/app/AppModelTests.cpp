@@ -182,10 +182,29 @@ TEST_F(AppModelTest, ForgetDeletesNothingAndLocateListsTheItemAgain) {
     EXPECT_EQ(tree(root / "Home"), before);
 }
 
-TEST_F(AppModelTest, QuitWithAFileInUseAsksAndKeepsTheItemOpen) {
+TEST_F(AppModelTest, AQuitWaitsForRunningWorkOrIsCancelledAndAFileInUseKeepsItsItemOpen) {
     app::AppModel& app = started();
     app::AppDelegate delegate(app, user);
     EXPECT_TRUE(await(delegate.shouldQuit()));  // nothing open, nothing runs
+    for (const char* answer : {"Cancel", "Quit When Finished"}) {
+        SCOPED_TRACE(answer);
+        std::string original = folder(std::string("Busy ") + answer);
+        app::spawn(app.lock(original));
+        ASSERT_FALSE(app.activity().isIdle());
+        user.log.clear();
+        user.buttons = {answer};
+        bool quits = await(delegate.shouldQuit());
+        EXPECT_EQ(user.entries("choose: "),
+                  std::vector<std::string>{"choose: Corvane is still locking Busy " +
+                                           std::string(answer) +
+                                           ". Quit when it finishes? | Corvane quits as soon as "
+                                           "it is done."});
+        EXPECT_EQ(quits, answer != std::string("Cancel"));
+        // Quitting waited for the lock to finish.
+        EXPECT_FALSE(quits && std::filesystem::exists(original));
+        ASSERT_TRUE(spinUntil([&] { return app.activity().isIdle(); }));
+        EXPECT_FALSE(app.activity().isQuitting);
+    }
 
     std::string locked = lockedItem("Report");
     unlock(locked);
@@ -332,32 +351,6 @@ TEST_F(AppModelTest, AReaderStillWaitingWhenTheModelGoesReportsToNobody) {
     model.reset();
     // Past the reader's time limit: its answer must not reach the model that has gone.
     spinFor(std::chrono::milliseconds(1500));
-}
-
-TEST_F(AppModelTest, AQuitAskedWhileWorkRunsWaitsForItOrIsCancelled) {
-    app::AppModel& app = started();
-    app::AppDelegate delegate(app, user);
-    for (const char* answer : {"Cancel", "Quit When Finished"}) {
-        SCOPED_TRACE(answer);
-        std::string original = folder(std::string("Busy ") + answer);
-        app::spawn(app.lock(original));
-        ASSERT_FALSE(app.activity().isIdle());
-        user.log.clear();
-        user.buttons = {answer};
-        bool quits = await(delegate.shouldQuit());
-        EXPECT_EQ(user.entries("choose: "),
-                  std::vector<std::string>{"choose: Corvane is still locking Busy " +
-                                           std::string(answer) +
-                                           ". Quit when it finishes? | Corvane quits as soon as "
-                                           "it is done."});
-        EXPECT_EQ(quits, answer != std::string("Cancel"));
-        // Quitting waited for the lock to finish; a cancelled quit did not.
-        if (quits) {
-            EXPECT_FALSE(std::filesystem::exists(original));
-        }
-        ASSERT_TRUE(spinUntil([&] { return app.activity().isIdle(); }));
-        EXPECT_FALSE(app.activity().isQuitting);
-    }
 }
 
 TEST_F(AppModelTest, StartUpMovesItemsLeftBehindByAPasswordChange) {
