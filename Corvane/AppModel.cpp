@@ -13,7 +13,6 @@
 
 #include "Records/AppPaths.h"
 #include "Engine/ItemName.h"
-#include "FileSystem/FileWalk.h"
 #include "FileSystem/GocryptfsTool.h"
 #include "FileSystem/ItemFacts.h"
 #include "FileSystem/ThumbnailScrubber.h"
@@ -70,6 +69,7 @@ AppModel::AppModel(Services services, Configuration configuration, QObject* pare
       passwords_(configuration_.keychainService),
       settings_(configuration_.settingsPath),
       worker_(std::make_unique<Worker>(this)),
+      urgent_(std::make_unique<Worker>(this)),
       idleMinutes_(settings_.idleMinutes()) {
     fingerprintHandoff_ = std::make_shared<FingerprintHandoff>();
     fingerprintHandoff_->model = this;
@@ -86,6 +86,7 @@ AppModel::~AppModel() {
     // The worker finishes what it runs before the engine and the support lock go; operations
     // still waiting for it or for the user end with it.
     worker_.reset();
+    urgent_.reset();
     destroySpawned();
     locker_.reset();
     supportLock_.reset();
@@ -454,17 +455,10 @@ Task<> AppModel::lockNow(std::string path) {
 }
 
 void AppModel::closeAndScrub(const OpenItem& item, bool force) {
-    // What was shown while it was open is named by paths below the mount point: learn them while
-    // they can still be walked.
-    std::string contents = item.contentURL();
-    std::vector<std::string> entries;
-    try {
-        entries = FileWalk::relativePaths(contents);
-    } catch (const std::exception&) {
-        // The item itself is still forgotten.
-    }
+    // Closed first, which is what a sleep waits for; what was shown while it was open is found
+    // by where it was, not by walking it.
     locker_->relock(item, force);
-    ThumbnailScrubber::reset(contents, entries);
+    ThumbnailScrubber::forgetBelow(item.contentURL());
 }
 
 Task<> AppModel::relock(OpenItem item) {
@@ -511,20 +505,37 @@ Task<> AppModel::lockAll() {
     co_await refresh();
 }
 
-Task<std::vector<std::string>> AppModel::relockAllQuietly() {
+Task<std::vector<std::string>> AppModel::relockAllQuietly(bool urgent) {
+    // A sleep or shutdown waits only a few seconds: its lock runs beside whatever the worker is
+    // busy with, closes every item before any scrubbing, and awaits nothing else.
+    Worker& on = urgent ? *urgent_ : *worker_;
+    auto open = co_await on.run([this] { return locker_->openItems(); });
     std::vector<std::string> inUse;
-    for (const auto& item : co_await currentOpenItems()) {
+    std::vector<OpenItem> closed;
+    for (const auto& item : open) {
         try {
             co_await tracking("locking " + item.name, [&]() -> Task<> {
-                co_await worker_->run([&] { closeAndScrub(item, false); });
+                co_await on.run([&] { locker_->relock(item, false); });
             });
+            closed.push_back(item);
         } catch (const CorvaneError& error) {
             if (error.errorCase() == CorvaneError::Case::inUse) inUse.push_back(item.name);
         } catch (const std::exception& error) {
             qWarning("corvane: could not lock an item: %s", error.what());
         }
     }
-    co_await refresh();
+    // What is open now, without the list's slower parts, before anyone waiting is let go.
+    try {
+        showOpen(co_await on.run([this] { return locker_->openItems(); }));
+    } catch (const std::exception& error) {
+        qWarning("corvane: could not read what is open: %s", error.what());
+    }
+    spawn([](AppModel* model, Worker& on, std::vector<OpenItem> closed) -> Task<> {
+        co_await on.run([&] {
+            for (const auto& item : closed) ThumbnailScrubber::forgetBelow(item.contentURL());
+        });
+        co_await model->refresh();
+    }(this, on, std::move(closed)));
     co_return inUse;
 }
 
@@ -542,14 +553,17 @@ AutoLock& AppModel::autoLock() {
     return *autoLock_;
 }
 
-Task<> AppModel::autoLockTriggered(AutoLock::Trigger) {
+Task<> AppModel::autoLockTriggered(AutoLock::Trigger trigger) {
+    // A sleep or shutdown cannot wait for a lock that may itself wait behind a copy.
+    const bool urgent =
+        trigger == AutoLock::Trigger::sleep || trigger == AutoLock::Trigger::sessionEnded;
     // The running lock takes in every open item already; a second would only report it twice.
-    if (autoLockInFlight_) co_return;
+    if (autoLockInFlight_ && !urgent) co_return;
     if (openItems_.empty()) {
         autoLock().lockFinished();
         co_return;
     }
-    std::vector<std::string> inUse = co_await autoRelock();
+    std::vector<std::string> inUse = co_await autoRelock(urgent);
     if (inUse.empty()) {
         retryTimer_.stop();
         co_return;
@@ -572,11 +586,11 @@ Task<> AppModel::retryAutoLock() {
     if (inUse.empty()) retryTimer_.stop();
 }
 
-Task<std::vector<std::string>> AppModel::autoRelock() {
+Task<std::vector<std::string>> AppModel::autoRelock(bool urgent) {
     autoLockInFlight_ = true;
     std::vector<std::string> inUse;
     try {
-        inUse = co_await relockAllQuietly();
+        inUse = co_await relockAllQuietly(urgent);
     } catch (const std::exception& error) {
         qWarning("corvane: could not lock the open items: %s", error.what());
     }
@@ -656,11 +670,14 @@ Task<> AppModel::refresh() {
         std::vector<ItemRow> rows;
         std::vector<OpenItem> open;
     };
-    std::optional<std::int64_t> generation;
-    if (auto secret = passwords_.load()) generation = secret->generation;
+    // A look at what is open that started before a later one ended is out of date.
+    const std::uint64_t started = ++openSeen_;
     Snapshot snapshot;
     try {
         snapshot = co_await worker_->run([&] {
+            // The keyring too is asked here, never on the main thread: it may wait for a prompt.
+            std::optional<std::int64_t> generation;
+            if (auto secret = passwords_.load()) generation = secret->generation;
             Snapshot result;
             result.open = locker_->openItems();
             std::vector<LockedItem> items = locker_->index.load();
@@ -701,8 +718,18 @@ Task<> AppModel::refresh() {
         qWarning("corvane: could not read the item list: %s", error.what());
         co_return;
     }
+    if (started != openSeen_) co_return;
     rows_ = std::move(snapshot.rows);
     openItems_ = std::move(snapshot.open);
+    emit rowsChanged();
+}
+
+void AppModel::showOpen(std::vector<OpenItem> open) {
+    ++openSeen_;
+    openItems_ = std::move(open);
+    for (auto& row : rows_)
+        row.isOpen = std::any_of(openItems_.begin(), openItems_.end(),
+                                 [&](const OpenItem& item) { return item.id == row.id; });
     emit rowsChanged();
 }
 

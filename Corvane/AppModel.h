@@ -8,6 +8,7 @@
 #include <QObject>
 #include <QTimer>
 #include <chrono>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -111,7 +112,8 @@ public:
     Task<std::optional<std::string>> changePassword(std::string current, std::string next);
     Task<> finishPasswordMigrationIfNeeded();
     // Relocks every open item without asking; the names of those whose files were in use.
-    Task<std::vector<std::string>> relockAllQuietly();
+    // `urgent` (a sleep or a shutdown) runs it beside the worker's current job instead of after.
+    Task<std::vector<std::string>> relockAllQuietly(bool urgent = false);
 
     // What locks the open items when the user walks away; made at its first use, started at the
     // end of start-up.
@@ -165,7 +167,9 @@ private:
     void finishChangingPassword();
     Task<> retryAutoLock();
     // One quiet lock of every open item for the automatic lock; the names of those still in use.
-    Task<std::vector<std::string>> autoRelock();
+    Task<std::vector<std::string>> autoRelock(bool urgent = false);
+    // What is open, as just read, shown in the list without reading the rest again.
+    void showOpen(std::vector<OpenItem> open);
 
     Services services_;
     Configuration configuration_;
@@ -181,6 +185,8 @@ private:
     std::shared_ptr<GocryptfsTool> gocryptfs_;  // the tool, when made here
     std::unique_ptr<Locker> locker_;
     std::unique_ptr<Worker> worker_;
+    std::unique_ptr<Worker> urgent_;
+    std::uint64_t openSeen_ = 0;  // counts the looks at what is open, to drop late ones  // the sleep's lock, which cannot wait for a copy to end
 
     std::vector<ItemRow> rows_;
     std::vector<OpenItem> openItems_;

@@ -51,17 +51,9 @@ int runLockNow(CommandContext& context, const Words& words, std::istream&, std::
 
     for (const auto& item : chosen) {
         try {
-            // What was shown while open is named by paths below the mount point; learn them
-            // while they can still be walked.
-            std::string contents = item.contentURL();
-            std::vector<std::string> entries;
-            try {
-                entries = FileWalk::relativePaths(contents);
-            } catch (const std::exception&) {
-                // The item itself is still forgotten.
-            }
+            // Closed first; what was shown while it was open is found by where it was.
             locker.relock(item, arguments.has("--force"));
-            ThumbnailScrubber::reset(contents, entries);
+            ThumbnailScrubber::forgetBelow(item.contentURL());
             out << context.forOutput(item.lockedURL) << '\n' << std::flush;
         } catch (...) {
             if (chosen.size() == 1 && !failed) throw;

@@ -1,10 +1,12 @@
 #include "FileSystem/ThumbnailScrubber.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cctype>
+#include <cstdint>
 #include <cerrno>
 #include <cstdlib>
 #include <memory>
@@ -176,6 +178,38 @@ bool forgetRecents(const std::string& recentsFile, const std::string& item) {
     }
 }
 
+std::string thumbnailsOfUser() {
+    return fromEnvironment("XDG_CACHE_HOME", homeFolder() + "/.cache") + "/thumbnails";
+}
+
+std::string recentsOfUser() {
+    return fromEnvironment("XDG_DATA_HOME", homeFolder() + "/.local/share") + "/recently-used.xbel";
+}
+
+// Every folder of thumbnails: each size, and the failure records of each thumbnailer.
+std::vector<std::string> thumbnailFolders(const std::string& thumbnailsFolder) {
+    std::vector<std::string> folders;
+    for (const char* size : {"normal", "large", "x-large", "xx-large"})
+        folders.push_back(thumbnailsFolder + "/" + size);
+    for (const auto& failures : subfolders(thumbnailsFolder + "/fail")) folders.push_back(failures);
+    return folders;
+}
+
+// The text chunks come before the image data: the first 64 KiB of a regular file hold them.
+std::string pngHead(int folder, const std::string& name) {
+    int fd = openat(folder, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) return {};
+    std::string head;
+    struct stat status {};
+    if (fstat(fd, &status) == 0 && S_ISREG(status.st_mode)) {
+        head.resize(65536);
+        ssize_t n = read(fd, head.data(), head.size());
+        head.resize(n > 0 ? std::size_t(n) : 0);
+    }
+    close(fd);
+    return head;
+}
+
 }  // namespace
 
 std::string ThumbnailScrubber::fileURI(const std::string& path) {
@@ -209,22 +243,68 @@ std::string ThumbnailScrubber::thumbnailName(const std::string& uri) {
     return name + ".png";
 }
 
+bool ThumbnailScrubber::forgetBelow(const std::string& itemPath) {
+    return forgetBelow(itemPath, thumbnailsOfUser(), recentsOfUser());
+}
+
+bool ThumbnailScrubber::forgetBelow(const std::string& itemPath,
+                                    const std::string& thumbnailsFolder,
+                                    const std::string& recentsFile) {
+    bool complete = true;
+    for (const auto& folder : thumbnailFolders(thumbnailsFolder)) {
+        std::unique_ptr<DIR, int (*)(DIR*)> directory(opendir(folder.c_str()), closedir);
+        if (!directory) continue;
+        while (dirent* entry = readdir(directory.get())) {
+            std::string name = entry->d_name;
+            if (!name.ends_with(".png")) continue;
+            auto source = thumbnailSource(pngHead(dirfd(directory.get()), name));
+            auto path = source ? pathOfFileURI(*source) : std::nullopt;
+            if (path && isAtOrBelow(*path, itemPath)) complete &= removed(folder + "/" + name);
+        }
+    }
+    complete &= forgetRecents(recentsFile, itemPath);
+    return complete;
+}
+
+std::optional<std::string> ThumbnailScrubber::thumbnailSource(std::string_view png) {
+    constexpr std::string_view signature("\x89PNG\r\n\x1a\n", 8);
+    if (!png.starts_with(signature)) return std::nullopt;
+    auto number = [&](std::size_t at) {  // big-endian, as PNG keeps its lengths
+        std::uint32_t value = 0;
+        for (std::size_t i = 0; i < 4; ++i) value = value << 8 | std::uint8_t(png[at + i]);
+        return value;
+    };
+    constexpr std::string_view key("Thumb::URI\0", 11);
+    for (std::size_t at = signature.size(); at + 8 <= png.size();) {
+        const std::uint32_t length = number(at);
+        const std::string_view type = png.substr(at + 4, 4);
+        if (type == "IDAT" || type == "IEND" || length > png.size() - at - 8) return std::nullopt;
+        const std::string_view data = png.substr(at + 8, length);
+        if (type == "tEXt" && data.starts_with(key)) return std::string(data.substr(key.size()));
+        // iTXt: keyword, NUL, compression flag, method, language, NUL, translated keyword, NUL.
+        if (type == "iTXt" && data.starts_with(key) && data.size() > key.size() + 2 &&
+            data[key.size()] == '\0') {
+            std::string_view rest = data.substr(key.size() + 2);
+            auto language = rest.find('\0');
+            auto translated =
+                language == std::string_view::npos ? language : rest.find('\0', language + 1);
+            if (translated != std::string_view::npos)
+                return std::string(rest.substr(translated + 1));
+        }
+        at += 8 + std::size_t(length) + 4;  // and its CRC
+    }
+    return std::nullopt;
+}
+
 bool ThumbnailScrubber::reset(const std::string& itemPath,
                               const std::vector<std::string>& relativePaths) {
-    std::string home = homeFolder();
-    return reset(itemPath, relativePaths,
-                 fromEnvironment("XDG_CACHE_HOME", home + "/.cache") + "/thumbnails",
-                 fromEnvironment("XDG_DATA_HOME", home + "/.local/share") + "/recently-used.xbel");
+    return reset(itemPath, relativePaths, thumbnailsOfUser(), recentsOfUser());
 }
 
 bool ThumbnailScrubber::reset(const std::string& itemPath,
                               const std::vector<std::string>& relativePaths,
                               const std::string& thumbnailsFolder, const std::string& recentsFile) {
-    std::vector<std::string> folders;
-    for (const char* size : {"normal", "large", "x-large", "xx-large"})
-        folders.push_back(thumbnailsFolder + "/" + size);
-    for (const auto& failures : subfolders(thumbnailsFolder + "/fail")) folders.push_back(failures);
-
+    const std::vector<std::string> folders = thumbnailFolders(thumbnailsFolder);
     bool complete = true;
     auto forget = [&](const std::string& path) {
         std::string name = thumbnailName(fileURI(path));

@@ -3,10 +3,13 @@
 // lets a sleep go on only when its items are locked.
 #include <QElapsedTimer>
 #include <QLabel>
+#include <atomic>
 #include <iostream>
+#include <thread>
 
 #include "AppModelFixture.h"
 #include "DesktopStandIn.h"
+#include "FileSystem/GocryptfsTool.h"
 #include "PrivateBus.h"
 #include "Records/IdlePolicy.h"
 #include "SettingsWindow.h"
@@ -69,15 +72,29 @@ TEST(IdlePolicyTest, LocksFromTheLimitOnAndOnlyWithItemsOpen) {
             << seconds << " s, " << minutes << " min, open: " << open;
 }
 
+// gocryptfs whose new images come only once `go` is set, so that a lock can be held in the
+// worker as a long copy holds it.
+struct SlowToCreate : GocryptfsTool {
+    std::atomic<bool> go{true};
+    void create(const std::string& image, const std::string& volumeName,
+                const std::string& password) const override {
+        while (!go) std::this_thread::sleep_for(10ms);
+        GocryptfsTool::create(image, volumeName, password);
+    }
+};
+
 class AutoLockTest : public AppModelTest {
 protected:
     // The model with retries and idle checks a few times a second, once start-up is over.
     app::AppModel& startModel() {
         auto settings = configuration();
+        settings.tool = tool;
         settings.autoLockRetryInterval = 300ms;
         settings.idleCheckInterval = 100ms;
         return started(settings);
     }
+
+    std::shared_ptr<SlowToCreate> tool = std::make_shared<SlowToCreate>();
 
     // The stand-ins, then the model; returns once auto-lock has found the session and asked for
     // the idle time, so that every signal it listens to reaches it.
@@ -162,8 +179,7 @@ TEST_F(AutoLockTest, SleepAndShutdownGoOnOnlyOnceTheOpenItemsAreLocked) {
     EXPECT_EQ(desktop->calls("Inhibit"), 0u);  // nothing open, nothing held
     auto sleep = [&](bool on) { desktop->emitManager("PrepareForSleep", on); };
     auto shutdown = [&](bool on) { desktop->emitManager("PrepareForShutdown", on); };
-    // While the screen lock's quiet lock runs, the sleep's own is dropped and the release
-    // waits for the running one.
+    // While the screen lock's quiet lock runs, the sleep runs its own beside it.
     auto lockThenSleep = [&](bool on) {
         desktop->emitScreenSaver(kGnome, on);
         EXPECT_TRUE(!on || spinUntil([&] { return !app.activity().isIdle(); }, 5s));
@@ -206,6 +222,24 @@ TEST_F(AutoLockTest, SleepAndShutdownGoOnOnlyOnceTheOpenItemsAreLocked) {
     holder.reset();
     await(app.lockAll());
     EXPECT_TRUE(spinUntil([&] { return desktop->inhibitorsHeld() == 0; }, 5s));
+
+    // A lock that holds the worker (its image is slow to come) does not hold up the sleep's.
+    unlockItem("Trip");
+    ASSERT_TRUE(spinUntil([&] { return desktop->inhibitorsHeld() == 1; }, 5s));
+    tool->go = false;
+    bool locked = false;
+    app::spawn([](app::AppModel& app, std::string path, bool& locked) -> app::Task<> {
+        co_await app.lock(path);
+        locked = true;
+    }(app, folder("Slow"), locked));
+    ASSERT_TRUE(spinUntil([&] { return !app.activity().isIdle(); }, 5s));
+    sleep(true);
+    EXPECT_TRUE(spinUntil([&] { return desktop->inhibitorsHeld() == 0; }, 5s));
+    EXPECT_TRUE(app.openItems().empty());
+    EXPECT_FALSE(locked);
+    tool->go = true;
+    EXPECT_TRUE(spinUntil([&] { return locked; }, 30s));
+    sleep(false);
 }
 
 TEST_F(AutoLockTest, TheStoredLimitLocksOnceTheDesktopReportsThatMuchIdleness) {
