@@ -48,6 +48,8 @@ bench: build
 	rm -rf $(BUILD_DIR)/image-bench && mkdir -p $(BUILD_DIR)/image-bench
 	$(BUILD_DIR)/release/bench/corvane-image-bench $(BUILD_DIR)/image-bench 10
 	bench/lock.sh $(BUILD_DIR)/release/cli/corvane $(BUILD_DIR)/release/bench/corvane-verifier-bench
+	rm -rf $(BUILD_DIR)/sleep-bench && mkdir -p $(BUILD_DIR)/sleep-bench
+	$(BUILD_DIR)/release/bench/corvane-sleep-bench $(BUILD_DIR)/sleep-bench
 
 torture: build
 	tests/torture/torture.sh $(BUILD_DIR)/release/cli/corvane 200
