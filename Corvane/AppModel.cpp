@@ -568,6 +568,8 @@ Task<> AppModel::autoLockTriggered(AutoLock::Trigger trigger) {
         retryTimer_.stop();
         co_return;
     }
+    // Said once: the retries, and the idle checks that trigger again meanwhile, stay quiet.
+    if (retryTimer_.isActive()) co_return;
     services_.notifier.post(
         "Corvane could not lock " + CorvaneError::list(inUse),
         "Files are still open in another app. Close them and Corvane will lock automatically.");
@@ -577,6 +579,17 @@ Task<> AppModel::autoLockTriggered(AutoLock::Trigger trigger) {
 Task<> AppModel::retryAutoLock() {
     if (autoLockInFlight_) co_return;
     AutoLock& lock = autoLock();
+    // Whether the user is back is asked now, not taken from the last regular check.
+    struct FreshIdle {
+        AutoLock& lock;
+        bool await_ready() const noexcept { return false; }
+        void await_suspend(std::coroutine_handle<> awaiting) {
+            lock.refreshIdle([awaiting] { awaiting.resume(); });
+        }
+        void await_resume() const noexcept {}
+    };
+    co_await FreshIdle{lock};
+    if (autoLockInFlight_) co_return;
     // Back at the computer, the user locks what is still open.
     if ((!lock.screenIsLocked() && !lock.idleRuleHolds()) || openItems_.empty()) {
         retryTimer_.stop();

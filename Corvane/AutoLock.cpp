@@ -234,18 +234,24 @@ void AutoLock::screenUnlocked() {
 }
 
 void AutoLock::checkIdle() {
-    if (checkingIdle_ || !idle_) return;
+    refreshIdle(nullptr);
+}
+
+void AutoLock::refreshIdle(std::function<void()> then) {
+    if (then) idleWaiters_.push_back(std::move(then));
+    if (!idle_) {
+        for (auto& waiting : std::exchange(idleWaiters_, {})) waiting();
+        return;
+    }
+    if (checkingIdle_) return;
     checkingIdle_ = true;
     idle_->ask([this](std::optional<double> seconds) {
         checkingIdle_ = false;
         idleSeconds_ = seconds;
         idleAvailable_ = seconds.has_value();
-        if (!idleRuleHolds()) {
-            idleFired_ = false;
-            return;
-        }
-        if (std::exchange(idleFired_, true)) return;
-        hooks_.onTrigger(Trigger::idle);
+        // At every check while the user stays away: an item opened meanwhile is locked too.
+        if (idleRuleHolds()) hooks_.onTrigger(Trigger::idle);
+        for (auto& waiting : std::exchange(idleWaiters_, {})) waiting();
     });
 }
 

@@ -12,6 +12,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <vector>
 
 #include "IdleMonitor.h"
 #include "Records/UserSettings.h"
@@ -46,6 +47,8 @@ public:
     int idleMinutes() const { return settings_.idleMinutes(); }
     // Whether the last idle time read is past the limit while items are unlocked.
     bool idleRuleHolds() const;
+    // Asks the desktop for the idle time now; `then` runs once the answer (or its absence) is in.
+    void refreshIdle(std::function<void()> then);
 
     // The sleep lock is held while items are unlocked.
     void setItemsOpen(bool open);
@@ -84,8 +87,7 @@ private:
     bool screenIsLocked_ = false;
     bool idleAvailable_ = false;
     bool checkingIdle_ = false;
-    // Idleness locks once per spell away, not at every check after it.
-    bool idleFired_ = false;
+    std::vector<std::function<void()>> idleWaiters_;  // who waits for the question being asked
     std::optional<double> idleSeconds_;
 };
 

@@ -263,6 +263,9 @@ TEST_F(AutoLockTest, TheStoredLimitLocksOnceTheDesktopReportsThatMuchIdleness) {
         desktop->mutterIdleMilliseconds = at.first;
         desktop->screenSaverIdleSeconds = at.second;
         EXPECT_TRUE(spinUntil([&] { return app.openItems().empty(); }, 10s));
+        // Opened again while the user is still away: the next check locks it too.
+        unlockItem("Away");
+        EXPECT_TRUE(spinUntil([&] { return app.openItems().empty(); }, 10s));
     }
 
     // Retries go on while the user stays away and end when they are back.
