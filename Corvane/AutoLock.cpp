@@ -161,6 +161,7 @@ void AutoLock::findSession() {
 }
 
 void AutoLock::watchSession(const QString& path) {
+    sessionPath_ = path;
     system_.connect(kLogin, path, kSession, QStringLiteral("Lock"), this, SLOT(sessionLocked()));
     system_.connect(kLogin, path, kSession, QStringLiteral("Unlock"), this,
                     SLOT(sessionUnlocked()));
@@ -205,7 +206,27 @@ void AutoLock::sessionUnlocked() {
 }
 
 void AutoLock::screenSaverActiveChanged(bool active) {
-    active ? screenLocked() : screenUnlocked();
+    if (!active) {
+        screenUnlocked();
+        return;
+    }
+    // A screen saver also starts to only blank the screen, where locking is switched off; the
+    // session's LockedHint says whether it locked. Without a session to ask, active is locked.
+    if (sessionPath_.isEmpty()) {
+        screenLocked();
+        return;
+    }
+    QDBusMessage get = QDBusMessage::createMethodCall(kLogin, sessionPath_, kProperties, "Get");
+    get << kSession << QStringLiteral("LockedHint");
+    askSystem(get, [this](const QDBusMessage& reply) {
+        std::optional<bool> hint;
+        if (reply.type() == QDBusMessage::ReplyMessage && reply.arguments().size() == 1) {
+            QVariant value = reply.arguments().front();  // arguments() is a copy
+            if (value.metaType() == QMetaType::fromType<QDBusVariant>())
+                hint = booleanIn(qvariant_cast<QDBusVariant>(value).variant());
+        }
+        if (hint.value_or(true) && !screenIsLocked_) screenLocked();
+    });
 }
 
 void AutoLock::sessionPropertiesChanged(const QString& interface, const QVariantMap& changed,

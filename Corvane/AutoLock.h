@@ -77,6 +77,7 @@ private:
     UserSettings settings_;
     QString systemName_;
     QString sessionName_;
+    QString sessionPath_;  // the logind session watched; empty until found
     QDBusConnection system_;
     QDBusConnection session_;
     std::unique_ptr<SleepInhibitor> inhibitor_;

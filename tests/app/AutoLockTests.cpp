@@ -130,6 +130,9 @@ TEST_F(AutoLockTest, ScreenLocksLockItemsAndFilesInUseAreReportedOnceThenRetried
     app::AppModel& app = startWithDesktop();
     desktop->mutterIdleMilliseconds = 2'000;
     LockAttempts anything(app, "Report");
+    desktop->emitScreenSaver(kGnome, true, false);  // only blanks: locking is switched off
+    spinFor(300ms);
+    EXPECT_FALSE(app.autoLock().screenIsLocked());
     desktop->emitScreenSaver(kGnome, true);
     spinFor(300ms);
     EXPECT_TRUE(app.autoLock().screenIsLocked());

@@ -33,6 +33,7 @@ public:
 
     std::atomic<std::uint64_t> mutterIdleMilliseconds{0};
     std::atomic<std::uint32_t> screenSaverIdleSeconds{0};
+    std::atomic<bool> lockedHint{false};  // the session's, as Get answers it
     // Set before the services are asked: replaces every answer it returns one for.
     BusServiceStandIn::Answer misbehave;
 
@@ -79,8 +80,11 @@ public:
                             {QStringLiteral("org.freedesktop.login1.Session"),
                              QVariantMap{{property, value}}, QStringList()});
     }
-    // ActiveChanged of "org.freedesktop.ScreenSaver" or "org.gnome.ScreenSaver".
-    void emitScreenSaver(const QString& service, const QVariant& active) {
+    // ActiveChanged of "org.freedesktop.ScreenSaver" or "org.gnome.ScreenSaver". A desktop that
+    // locks as its screen saver starts sets the session's LockedHint first; one that only blanks
+    // the screen leaves it.
+    void emitScreenSaver(const QString& service, const QVariant& active, bool locks = true) {
+        if (active.metaType() == QMetaType::fromType<bool>() && locks) lockedHint = active.toBool();
         QString path = QLatin1Char('/') + QString(service).replace(u'.', u'/');
         session_->emitSignal(path, service, QStringLiteral("ActiveChanged"), {active});
     }
@@ -109,7 +113,7 @@ private:
         if (member == "GetSessionByPID" || member == "GetSession")
             return QVariantList{QVariant::fromValue(QDBusObjectPath(sessionPath))};
         if (member == "Get" && call.path() == sessionPath)
-            return QVariantList{QVariant::fromValue(QDBusVariant(false))};  // LockedHint
+            return QVariantList{QVariant::fromValue(QDBusVariant(lockedHint.load()))};
         if (member == "Inhibit") return QVariantList{QVariant::fromValue(inhibitor())};
         if (member == "GetIdletime")
             return QVariantList{QVariant::fromValue(qulonglong(mutterIdleMilliseconds.load()))};
