@@ -140,6 +140,11 @@ bool AppModel::start() {
     const auto keyring = passwords_.read();
     needsSetup_ = keyring.state == PasswordStore::State::noRecord;
     keyringLocked_ = keyring.state == PasswordStore::State::locked;
+    if (keyring.state == PasswordStore::State::noService) {
+        needsSetup_ = true;  // setup is where the user hears why nothing can be kept
+        keyringProblem_ = PasswordStore::unavailableReason().value_or(
+            "Corvane could not reach your desktop keyring. Start it, then open Corvane again.");
+    }
     emit needsSetupChanged();
     spawn(startUp());
     return true;

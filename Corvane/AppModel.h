@@ -73,6 +73,8 @@ public:
     const std::vector<ItemRow>& rows() const { return rows_; }
     const std::vector<OpenItem>& openItems() const { return openItems_; }
     bool needsSetup() const { return needsSetup_; }
+    // Why no keyring could be reached at start; nothing when one answered.
+    const std::optional<std::string>& keyringProblem() const { return keyringProblem_; }
     int idleMinutes() const { return idleMinutes_; }
     void setIdleMinutes(int minutes);
     bool touchIDEnabled() const { return settings_.touchIDEnabled(); }
@@ -182,6 +184,7 @@ private:
     std::unique_ptr<SupportLock> supportLock_;
     // Touched on the worker thread only, once start() made it.
     bool keyringLocked_ = false;
+    std::optional<std::string> keyringProblem_;
     std::shared_ptr<GocryptfsTool> gocryptfs_;  // the tool, when made here
     std::unique_ptr<Locker> locker_;
     std::unique_ptr<Worker> worker_;

@@ -172,6 +172,7 @@ int SetupWindow::step() const {
 }
 
 bool SetupWindow::canAdvance() const {
+    if (step() == welcome) return !seams_.keyringProblem;
     if (step() != password) return true;
     return !passwordField_->text().isEmpty() && !confirmationField_->text().isEmpty() &&
            understood_->isChecked();
@@ -213,7 +214,7 @@ void SetupWindow::move(int by) {
 
 void SetupWindow::enter(int step) {
     pages_->setCurrentIndex(step);
-    showError(std::nullopt);
+    showError(step == welcome ? seams_.keyringProblem : std::nullopt);
     if (step == fileManager) {
         bool on = seams_.fileManagerMenuEnabled();
         menuButton_->setVisible(!on);

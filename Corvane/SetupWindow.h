@@ -33,6 +33,9 @@ public:
         std::function<std::optional<std::string>()> enableFileManagerMenu;
         std::function<std::optional<std::string>(const std::string& password, bool useFingerprint)>
             save;
+        // Why no password can be kept (no keyring runs): said on the first screen, which then
+        // goes no further.
+        std::optional<std::string> keyringProblem;
     };
 
     explicit SetupWindow(Seams seams, QWidget* parent = nullptr);

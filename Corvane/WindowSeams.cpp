@@ -14,6 +14,7 @@ SetupWindow::Seams WindowSeams::setup(AppModel& model) {
         .save = [&model](
                     const std::string& password,
                     bool useFingerprint) { return model.finishSetup(password, useFingerprint); },
+        .keyringProblem = model.keyringProblem(),
     };
 }
 

@@ -281,7 +281,7 @@ TEST(SettingsWindowTest, ShowsTheSeamsValuesAndPassesOnTheUsersChanges) {
 }
 
 struct Harness {
-    explicit Harness(bool reader = true)
+    explicit Harness(bool reader = true, std::optional<std::string> keyringProblem = {})
         : window({.fingerprintAvailable = reader,
                   .diskEncryptionOn = [] { return true; },
                   .fileManagerMenuEnabled = [this] { return menuOn; },
@@ -294,7 +294,8 @@ struct Harness {
                       [this](const std::string& password, bool useFingerprint) {
                           saved.push_back({password, useFingerprint});
                           return saveFailure;
-                      }}) {
+                      },
+                  .keyringProblem = std::move(keyringProblem)}) {
         QObject::connect(&window, &SetupWindow::finished, [this] { ++finished; });
     }
 
@@ -316,6 +317,20 @@ struct Harness {
     SetupWindow window;
     int finished = 0;
 };
+
+
+// Without a keyring nothing could be kept: the first screen says so and goes no further.
+TEST(SetupWindowTest, WithoutAKeyringTheFirstScreenSaysSoAndStops) {
+    const std::string why = "Corvane keeps its password in your desktop keyring, and no keyring "
+                            "is running.";
+    Harness setup(true, why);
+    EXPECT_EQ(setup.window.step(), SetupWindow::welcome);
+    EXPECT_EQ(setup.window.error().toStdString(), why);
+    ASSERT_NE(setup.button("Get Started"), nullptr);
+    EXPECT_FALSE(setup.button("Get Started")->isEnabled());
+    setup.window.advance();
+    EXPECT_EQ(setup.window.step(), SetupWindow::welcome);
+}
 
 TEST(SetupWindowTest, ContinueFollowsTheFieldsAndTheBoxThenChecksTheRulesBeforeTheMatch) {
     // The fields and the box; whether Continue is enabled; the error once it is clicked (none: on
