@@ -1,5 +1,5 @@
 // How long the user has been away, asked of the desktop: Mutter's idle monitor first, then the
-// freedesktop screen saver on the session bus. Every question is asynchronous and given up after
+// freedesktop screen saver on the session bus, then the X server. Every question is asynchronous and given up after
 // half a second, so a missing or hung service costs nothing. Main thread only.
 #pragma once
 

@@ -14,6 +14,8 @@
 #include "Records/IdlePolicy.h"
 #include "SettingsWindow.h"
 #include "WindowSeams.h"
+#include "X11Idle.h"
+#include "DaemonProcess.h"
 
 namespace corvane::testing {
 
@@ -70,6 +72,23 @@ TEST(IdlePolicyTest, LocksFromTheLimitOnAndOnlyWithItemsOpen) {
     for (const auto& [seconds, minutes, open, locks] : cases)
         EXPECT_EQ(IdlePolicy::shouldLock(seconds, minutes, open), locks)
             << seconds << " s, " << minutes << " min, open: " << open;
+}
+
+// The X server's own idle time, from a real Xvfb: counted in milliseconds, given in seconds, and
+// not asked in a Wayland session, whose X server sees only its own clients' input.
+TEST(X11IdleTest, AnXServerGivesItsIdleTimeInSecondsOutsideWayland) {
+    TempDir logs;
+    testing::DaemonProcess server({"Xvfb", "-displayfd", "1", "-nolisten", "tcp"},
+                                  logs / "xvfb.log");
+    ScopedVariable display("DISPLAY", ":" + server.readLine());
+    ScopedVariable notWayland("WAYLAND_DISPLAY", std::nullopt);
+    std::this_thread::sleep_for(1500ms);
+    auto seconds = app::X11Idle::seconds();
+    ASSERT_TRUE(seconds);
+    EXPECT_GE(*seconds, 1.0);
+    EXPECT_LT(*seconds, 60.0);
+    ScopedVariable wayland("WAYLAND_DISPLAY", "wayland-0");
+    EXPECT_EQ(app::X11Idle::seconds(), std::nullopt);
 }
 
 // gocryptfs whose new images come only once `go` is set, so that a lock can be held in the
