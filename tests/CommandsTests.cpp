@@ -2,15 +2,8 @@
 // the engine: `corvane menu` on a real shared-state file, `corvane open-url` against a real socket
 // and a stand-in application program.
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 
-#include <chrono>
-#include <cstring>
-#include <memory>
 #include <set>
-#include <sstream>
 #include <thread>
 #include <tuple>
 
@@ -28,6 +21,8 @@ namespace corvane {
 namespace {
 
 using namespace corvane::testing;
+using Listener = SocketListener;
+using Lines = std::vector<std::string>;
 using Kind = CorvaneCommand::Kind;
 using Clock = std::chrono::steady_clock;
 
@@ -220,46 +215,6 @@ TEST(MenuCommand, ReadsTheSharedStateAndFallsBackToUnknown) {
     EXPECT_EQ(plain.out, expected) << "a relative path is taken from the working folder";
 }
 
-// The application's end of the command socket: takes one peer and keeps the line it sent.
-class Listener {
-public:
-    explicit Listener(const std::string& path) {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::strcpy(address.sun_path, path.c_str());
-        fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        if (bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-            listen(fd_, 4) != 0)
-            ADD_FAILURE() << "cannot listen at " << path;
-        thread_ = std::thread([this] {
-            pollfd ready{fd_, POLLIN, 0};
-            if (poll(&ready, 1, 15000) != 1 || !(ready.revents & POLLIN)) return;
-            int peer = accept(fd_, nullptr, nullptr);
-            char c;
-            while (read(peer, &c, 1) == 1 && c != '\n') line_ += c;
-            close(peer);
-        });
-    }
-    ~Listener() {
-        stop();
-        close(fd_);
-    }
-    // What a peer sent before now, or "" when none came. Shutting the socket down wakes the poll.
-    std::string stop() {
-        shutdown(fd_, SHUT_RDWR);
-        return line();
-    }
-    std::string line() {
-        if (thread_.joinable()) thread_.join();
-        return line_;
-    }
-
-private:
-    int fd_ = -1;
-    std::string line_;
-    std::thread thread_;
-};
-
 class OpenUrlCommand : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -304,7 +259,7 @@ TEST_F(OpenUrlCommand, DeliversCommandsAndOpensLockedItemsAsUnlock) {
         Listener listener(socketPath);
         Outcome outcome = runCommand({"open-url", url});
         EXPECT_EQ(outcome.status, 0) << outcome.err;
-        EXPECT_EQ(listener.line(), line);
+        EXPECT_EQ(listener.lines(), Lines{line});
     }
 }
 
@@ -355,7 +310,7 @@ TEST_F(OpenUrlCommand, RefusesWhatItMustNotSendWithoutStartingTheApplication) {
         EXPECT_NE(outcome.err.find(each.reason), std::string::npos) << outcome.err;
         EXPECT_LT(seconds, 1.0) << each.url;
         if (listener) {
-            EXPECT_EQ(listener->stop(), "") << each.atSocket;
+            EXPECT_EQ(listener->stop(), Lines{}) << each.atSocket;
         }
         EXPECT_FALSE(std::filesystem::exists(mark)) << each.url;
     }
@@ -393,7 +348,7 @@ TEST_F(OpenUrlCommand, ReachesTheApplicationOnceItListens) {
     Outcome outcome = runCommand({"open-url", command});
     application.join();
     EXPECT_EQ(outcome.status, 0) << outcome.err;
-    EXPECT_EQ(listener->line(), command);
+    EXPECT_EQ(listener->lines(), Lines{command});
 }
 
 }  // namespace

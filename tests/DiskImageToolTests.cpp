@@ -1,12 +1,6 @@
 // The macOS image tool's command lines and answers, through a recording stand-in for hdiutil.
 #include <gtest/gtest.h>
 
-#include <sys/stat.h>
-
-#include <chrono>
-#include <memory>
-#include <optional>
-#include <sstream>
 #include <tuple>
 
 #include "FileSystem/DiskImageTool.h"
@@ -14,17 +8,10 @@
 #include "TestSupport.h"
 
 namespace corvane {
-
-// Readable failures when comparing errors.
-static void PrintTo(const CorvaneError& error, std::ostream* out) {
-    *out << "CorvaneError(" << static_cast<int>(error.errorCase()) << ", "
-         << error.errorDescription() << ")";
-}
-
 namespace {
 
-using testing::BackgroundProcess;
 using testing::errorFrom;
+using testing::holdingFile;
 using testing::readFile;
 using testing::TempDir;
 using testing::writeFile;
@@ -244,19 +231,12 @@ TEST(DiskImageTool, StillBusyTheHoldersDecide) {
     // indexer, while "viewer" is nobody the system knows.
     std::filesystem::copy_file("/bin/sleep", root / "tracker-miner-fs-3");
     std::filesystem::copy_file("/bin/sleep", root / "viewer");
-    auto holder = [&](const std::string& redirection, const std::string& program) {
-        auto process = std::make_unique<BackgroundProcess>(
-            Args{"/bin/sh", "-c", "exec 3" + redirection + "\"$1\"; exec \"$2\" 60", "sh", notes,
-                 program});
-        EXPECT_TRUE(process->waitUntilHolding(notes)) << program << " never opened the file";
-        return process;
-    };
-    auto indexer = holder("<", root / "tracker-miner-fs-3");
+    auto indexer = holdingFile(notes, "<", root / "tracker-miner-fs-3");
     {
-        auto viewer = holder("<", root / "viewer");
+        auto viewer = holdingFile(notes, "<", root / "viewer");
         StandIn withWriter, withReader;
         {
-            auto writer = holder(">>", "/bin/sleep");
+            auto writer = holdingFile(notes, ">>");
             EXPECT_EQ(detachWhileBusy(withWriter, volume, false), CorvaneError::inUse({"sleep"}))
                 << "writers must be named first";
         }

@@ -1,16 +1,9 @@
 // The Linux image tool against real gocryptfs and FUSE mounts.
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <signal.h>
-#include <sys/stat.h>
 #include <sys/sysmacros.h>
-#include <unistd.h>
 
-#include <chrono>
 #include <cstring>
-#include <functional>
-#include <memory>
 #include <thread>
 #include <tuple>
 
@@ -22,11 +15,6 @@
 
 namespace corvane {
 
-// Readable failures when comparing errors and attached images.
-static void PrintTo(const CorvaneError& error, std::ostream* out) {
-    *out << "CorvaneError(" << static_cast<int>(error.errorCase()) << ", "
-         << ::testing::PrintToString(error.errorDescription()) << ")";
-}
 static void PrintTo(const AttachedImage& image, std::ostream* out) {
     *out << "{" << ::testing::PrintToString(image.imagePath) << ", "
          << ::testing::PrintToString(image.mountPoint) << "}";
@@ -34,8 +22,8 @@ static void PrintTo(const AttachedImage& image, std::ostream* out) {
 
 namespace {
 
-using testing::BackgroundProcess;
 using testing::errorFrom;
+using testing::holdingFile;
 using testing::readFile;
 using testing::TempDir;
 using testing::writeFile;
@@ -74,15 +62,6 @@ std::jthread fifoUnblocker(std::string path) {
             if (int fd = open(path.c_str(), O_WRONLY | O_NONBLOCK); fd >= 0) close(fd);
         }
     });
-}
-
-// Keeps `file` open (`redirection` "<" reads, ">>" writes) in `program`, a copy of sleep.
-std::unique_ptr<BackgroundProcess> holding(const std::string& file, const std::string& redirection,
-                                           const std::string& program = "/bin/sleep") {
-    auto process = std::make_unique<BackgroundProcess>(std::vector<std::string>{
-        "/bin/sh", "-c", "exec 3" + redirection + "\"$1\"; exec \"$2\" 60", "sh", file, program});
-    EXPECT_TRUE(process->waitUntilHolding(file)) << "the holder never opened " << file;
-    return process;
 }
 
 class GocryptfsToolTest : public ::testing::Test {
@@ -185,7 +164,7 @@ TEST_F(GocryptfsToolTest, PasswordsItCannotTakeAreRefusedBeforeAnythingIsMade) {
 TEST_F(GocryptfsToolTest, BusyVolumeNamesItsHoldersButSystemIndexersAreEjected) {
     createAttached("draft.txt");
     {
-        auto writer = holding(mountPoint + "/draft.txt", ">>");
+        auto writer = holdingFile(mountPoint + "/draft.txt", ">>");
         EXPECT_EQ(errorFrom([&] { tool.detach(mountPoint, false); }),
                   CorvaneError::inUse({"sleep"}))
             << "a busy volume must name the program holding it";
@@ -193,7 +172,7 @@ TEST_F(GocryptfsToolTest, BusyVolumeNamesItsHoldersButSystemIndexersAreEjected) 
     }
     // A program borrowing an indexer's name; lsof calls it tracker-miner-f.
     std::filesystem::copy_file("/bin/sleep", root / "tracker-miner-fs-3");
-    auto reader = holding(mountPoint + "/draft.txt", "<", root / "tracker-miner-fs-3");
+    auto reader = holdingFile(mountPoint + "/draft.txt", "<", root / "tracker-miner-fs-3");
     EXPECT_EQ(errorFrom([&] { tool.detach(mountPoint, false); }), CorvaneError::inUse({}))
         << "its program lies in a temporary folder, and allow-listed names are not named";
 

@@ -2,8 +2,6 @@
 // into private XDG folders; its files read by desktop-file-validate, GLib's key-file, markup and
 // command-line parsers, and Python; Thunar's file merged and unmerged byte for byte.
 #include <glib.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 
 #include <map>
 #include <regex>
@@ -328,14 +326,8 @@ TEST_F(IntegrateTest, MenuActionOffersWhatTheMenuOffers) {
 
 TEST_F(IntegrateTest, MenuActionHandsItsCommandsToTheApplication) {
     std::string a = root / "A.corvlock", b = root / "B.corvlock";
+    std::string socketPath = root / "Runtime/corvane/command.sock";
     std::filesystem::create_directories(root / "Runtime/corvane");
-    sockaddr_un address{AF_UNIX, {}};
-    (root / "Runtime/corvane/command.sock").copy(address.sun_path, sizeof address.sun_path - 1);
-    int listener = socket(AF_UNIX, SOCK_STREAM, 0);
-    ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    ASSERT_EQ(listen(listener, 4), 0);
-    timeval limit{10, 0};
-    setsockopt(listener, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
     using Kind = CorvaneCommand::Kind;
     struct {
         Strings words;
@@ -346,24 +338,15 @@ TEST_F(IntegrateTest, MenuActionHandsItsCommandsToTheApplication) {
         {{"unlock", a, b}, {{Kind::unlock, {a}}, {Kind::unlock, {b}}}},
     };
     for (const auto& each : cases) {
-        Strings lines, expected;
-        std::thread application([&] {
-            for (int peer; lines.size() < each.delivered.size() &&
-                           (peer = accept(listener, nullptr, nullptr)) >= 0;
-                 close(peer)) {
-                lines.emplace_back();
-                for (char c; read(peer, &c, 1) == 1 && c != '\n';) lines.back() += c;
-            }
-        });
-        Strings words{"menu-action"};
+        std::filesystem::remove(socketPath);
+        SocketListener application(socketPath, each.delivered.size());
+        Strings words{"menu-action"}, expected;
         words.insert(words.end(), each.words.begin(), each.words.end());
         auto outcome = run(words);
-        application.join();
         EXPECT_EQ(outcome.status, 0) << outcome.err;
         for (const auto& command : each.delivered) expected.push_back(command.url());
-        EXPECT_EQ(lines, expected);
+        EXPECT_EQ(application.lines(), expected);
     }
-    close(listener);
 }
 
 TEST(FileManagerMenusTest, PackagedMenusAreTheSystemWideCopies) {

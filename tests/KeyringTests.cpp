@@ -2,13 +2,6 @@
 // check against the stand-in fingerprint service on a private system bus.
 #include <gtest/gtest.h>
 
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
-
-#include <chrono>
-#include <cstdlib>
-
 #include "FileSystem/ProcessRunner.h"
 #include "FingerprintReader.h"
 #include "PasswordStore.h"
@@ -23,6 +16,7 @@ using testing::PrivateBus;
 using testing::PrivateKeyring;
 using testing::PrivateSystemBus;
 using testing::ScopedVariable;
+using testing::secondsSince;
 using testing::TempDir;
 using Calls = std::vector<std::string>;
 using Clock = std::chrono::steady_clock;
@@ -30,10 +24,6 @@ using Clock = std::chrono::steady_clock;
 const std::string noKeyring =
     "Corvane keeps its password in your desktop keyring, and no keyring is running. Start GNOME "
     "Keyring, or KWallet with its Secret Service, then try again.";
-
-double secondsSince(Clock::time_point start) {
-    return std::chrono::duration<double>(Clock::now() - start).count();
-}
 
 StoredSecret record(std::string password, std::int64_t generation = 1,
                     std::optional<std::string> previous = {},
@@ -161,18 +151,12 @@ TEST(PasswordStore, WithoutAKeyringNothingLoadsAndSavesFail) {
     }
 
     // A bus that takes the connection and never answers is given up on quickly too.
-    int silent = socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un where{};
-    where.sun_family = AF_UNIX;
-    std::string path = emptyRuntime / "silent";
-    path.copy(where.sun_path, sizeof where.sun_path - 1);
-    ASSERT_EQ(bind(silent, reinterpret_cast<sockaddr*>(&where), sizeof where), 0);
-    ASSERT_EQ(listen(silent, 4), 0);
-    ScopedVariable address("DBUS_SESSION_BUS_ADDRESS", "unix:path=" + path);
+    testing::SocketListener silent(emptyRuntime / "silent", 0);
+    ASSERT_EQ(silent.lines(), Calls{}) << "no silent bus";
+    ScopedVariable address("DBUS_SESSION_BUS_ADDRESS", "unix:path=" + emptyRuntime / "silent");
     auto start = Clock::now();
     EXPECT_EQ(PasswordStore::unavailableReason(), noKeyring);
     EXPECT_LT(secondsSince(start), 2.5);
-    close(silent);
 }
 
 TEST(FingerprintReader, OnlyAMatchVerifiesAndTheDeviceIsAlwaysLetGo) {

@@ -1,11 +1,7 @@
 // Which items may be locked, on real paths and from given facts; the facts and paths it relies on.
 #include <gtest/gtest.h>
 
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <tuple>
-#include <vector>
 
 #include "FileSystem/ItemFacts.h"
 #include "FileSystem/LockPolicy.h"

@@ -1,16 +1,10 @@
 // Reading the mount table: as /proc gives it, whole or not at all.
 #include <gtest/gtest.h>
 
-#include <sys/stat.h>
 #include <sys/sysmacros.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <optional>
-#include <string>
 #include <system_error>
-#include <utility>
 
 #include "FileSystem/MountTable.h"
 #include "TestSupport.h"

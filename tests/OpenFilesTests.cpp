@@ -2,12 +2,6 @@
 // forgetting a locked item's thumbnails and recent-files entries.
 #include <gtest/gtest.h>
 
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <memory>
-
 #include "FileSystem/CloudFiles.h"
 #include "FileSystem/OpenFiles.h"
 #include "FileSystem/ProcessRunner.h"

@@ -3,16 +3,10 @@
 // that its output goes through.
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <signal.h>
 #include <sys/prctl.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <system_error>
 #include <thread>
 #include <tuple>
@@ -27,10 +21,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
-
-double secondsSince(Clock::time_point start) {
-    return std::chrono::duration<double>(Clock::now() - start).count();
-}
+using testing::secondsSince;
 
 // Whether a five-second sleep run with `cancel` ends in the cancelled error.
 bool sleepIsCancelled(const CancelToken& cancel) {

@@ -3,11 +3,6 @@
 // encodings and text cuts they rely on.
 #include <gtest/gtest.h>
 
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <optional>
-
 #include "Records/Base64.h"
 #include "Records/Characters.h"
 #include "Records/FileIdentity.h"
@@ -26,7 +21,7 @@ std::string acquiredByAnotherProcess(const std::string& directory) {
     return outcomeInChild([&] { return SupportLock::acquire(directory) ? "acquired" : "held"; });
 }
 
-TEST(ItemMarker, WriteThenReadGivesTheSameMarkerFromCompactText) {
+TEST(SmallRecords, WriteThenReadGivesTheSameRecordFromCompactText) {
     TempDir dir;
     ItemMarker marker(LockedItem::Kind::folder, "Taxes / 2024");
     marker.write(dir.path());
@@ -43,10 +38,7 @@ TEST(ItemMarker, WriteThenReadGivesTheSameMarkerFromCompactText) {
               R"({"formatVersion":1,"kind":"file","name":"a","mode":4096})");
     EXPECT_EQ(ItemMarker::read(dir.path()), ItemMarker(LockedItem::Kind::file, "a"))
         << "a mode beyond the permission bits must be ignored";
-}
 
-TEST(SharedState, WriteThenReadRoundTripsInCompactText) {
-    TempDir dir;
     std::string path = dir / "corvane/state.json";
     SharedState state{{"/home/a"}, 12};
     state.write(path);

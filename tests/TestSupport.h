@@ -4,8 +4,11 @@
 
 #include <fcntl.h>
 #include <grp.h>
+#include <poll.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -15,9 +18,12 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <sstream>
+#include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "Records/CorvaneError.h"
@@ -207,4 +213,78 @@ private:
     pid_t pid_;
 };
 
+// `program` (a copy of sleep) keeping `file` open: `redirection` "<" reads, ">>" writes.
+inline std::unique_ptr<BackgroundProcess> holdingFile(const std::string& file,
+                                                      const std::string& redirection,
+                                                      const std::string& program = "/bin/sleep") {
+    auto process = std::make_unique<BackgroundProcess>(std::vector<std::string>{
+        "/bin/sh", "-c", "exec 3" + redirection + "\"$1\"; exec \"$2\" 60", "sh", file, program});
+    if (!process->waitUntilHolding(file))
+        throw std::runtime_error(program + " never opened " + file);
+    return process;
+}
+
+// The application's end of a command socket: takes up to `peers` connections at `path` and keeps
+// the line each sent.
+class SocketListener {
+public:
+    explicit SocketListener(const std::string& path, std::size_t peers = 1) {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        path.copy(address.sun_path, sizeof address.sun_path - 1);
+        fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+            listen(fd_, 4) != 0) {
+            lines_ = {"cannot listen at " + path};
+            return;
+        }
+        thread_ = std::thread([this, peers] {
+            for (pollfd ready{fd_, POLLIN, 0}; lines_.size() < peers;) {
+                if (poll(&ready, 1, 15000) != 1 || !(ready.revents & POLLIN)) return;
+                int peer = accept(fd_, nullptr, nullptr);
+                if (peer < 0) return;
+                lines_.emplace_back();
+                for (char c; read(peer, &c, 1) == 1 && c != '\n';) lines_.back() += c;
+                close(peer);
+            }
+        });
+    }
+    ~SocketListener() {
+        stop();
+        close(fd_);
+    }
+    SocketListener(const SocketListener&) = delete;
+    SocketListener& operator=(const SocketListener&) = delete;
+
+    // What peers sent before now. Shutting the socket down wakes the poll.
+    std::vector<std::string> stop() {
+        shutdown(fd_, SHUT_RDWR);
+        return lines();
+    }
+    // Waits for every peer, or the poll's end.
+    std::vector<std::string> lines() {
+        if (thread_.joinable()) thread_.join();
+        return lines_;
+    }
+
+private:
+    int fd_ = -1;
+    std::vector<std::string> lines_;
+    std::thread thread_;
+};
+
+inline double secondsSince(std::chrono::steady_clock::time_point start) {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
 }  // namespace corvane::testing
+
+namespace corvane {
+
+// Readable failures when comparing errors.
+inline void PrintTo(const CorvaneError& error, std::ostream* out) {
+    *out << "CorvaneError(" << static_cast<int>(error.errorCase()) << ", \""
+         << error.errorDescription() << "\")";
+}
+
+}  // namespace corvane

@@ -3,16 +3,10 @@
 // several threads come out.
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <functional>
 #include <set>
 #include <system_error>
 #include <thread>
@@ -44,9 +38,7 @@ Paths differences(const std::string& original, const std::string& copy,
 }
 
 // What `action` ended with, as one line ("returned X", "copyFailed: …", "system_error PATH: …"),
-// or "still running" when it had not finished after ten seconds. It runs in a child process (as
-// user nobody when `unprivileged`), so that a read that blocks fails the test instead of stopping
-// it.
+// in a child process (as nobody when `unprivileged`), so that a read that blocks fails the test.
 std::string outcomeWithin(const std::function<std::string()>& action, bool unprivileged = false) {
     return testing::outcomeInChild(
         [&]() -> std::string {
@@ -214,7 +206,8 @@ TEST(TreeVerifier, OnlyRegularFilesAreHashedAndNothingBlocks) {
         {"outside", "returned " + TreeVerifier::digest(dir / "outside")},
     };
     for (const auto& [name, expected] : cases)
-        EXPECT_EQ(outcomeWithin([&] { return TreeVerifier::digest(dir / name); }), expected) << name;
+        EXPECT_EQ(outcomeWithin([&] { return TreeVerifier::digest(dir / name); }), expected)
+            << name;
     EXPECT_EQ(outcomeWithin([&] { return TreeVerifier::entry(dir / "pipe").text; }),
               "returned fifo");
 }
