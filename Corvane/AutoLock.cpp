@@ -64,6 +64,15 @@ std::optional<bool> booleanIn(const QVariant& value) {
     return value.toBool();
 }
 
+// The LockedHint in the reply to a properties Get; nothing for an error or anything else.
+std::optional<bool> lockedHintIn(const QDBusMessage& reply) {
+    if (reply.type() != QDBusMessage::ReplyMessage || reply.arguments().size() != 1)
+        return std::nullopt;
+    QVariant value = reply.arguments().front();  // arguments() is a copy
+    if (value.metaType() != QMetaType::fromType<QDBusVariant>()) return std::nullopt;
+    return booleanIn(qvariant_cast<QDBusVariant>(value).variant());
+}
+
 }  // namespace
 
 AutoLock::AutoLock(Hooks hooks, UserSettings settings, std::chrono::milliseconds idleCheckInterval,
@@ -170,12 +179,7 @@ void AutoLock::watchSession(const QString& path) {
     QDBusMessage get = QDBusMessage::createMethodCall(kLogin, path, kProperties, "Get");
     get << kSession << QStringLiteral("LockedHint");
     askSystem(get, [this](const QDBusMessage& reply) {
-        if (reply.type() != QDBusMessage::ReplyMessage || reply.arguments().size() != 1) return;
-        QVariant value = reply.arguments().front();  // arguments() is a copy
-        if (value.metaType() != QMetaType::fromType<QDBusVariant>()) return;
-        if (booleanIn(qvariant_cast<QDBusVariant>(value).variant()).value_or(false) &&
-            !screenIsLocked_)
-            screenLocked();
+        if (lockedHintIn(reply).value_or(false) && !screenIsLocked_) screenLocked();
     });
 }
 
@@ -219,13 +223,7 @@ void AutoLock::screenSaverActiveChanged(bool active) {
     QDBusMessage get = QDBusMessage::createMethodCall(kLogin, sessionPath_, kProperties, "Get");
     get << kSession << QStringLiteral("LockedHint");
     askSystem(get, [this](const QDBusMessage& reply) {
-        std::optional<bool> hint;
-        if (reply.type() == QDBusMessage::ReplyMessage && reply.arguments().size() == 1) {
-            QVariant value = reply.arguments().front();  // arguments() is a copy
-            if (value.metaType() == QMetaType::fromType<QDBusVariant>())
-                hint = booleanIn(qvariant_cast<QDBusVariant>(value).variant());
-        }
-        if (hint.value_or(true) && !screenIsLocked_) screenLocked();
+        if (lockedHintIn(reply).value_or(true) && !screenIsLocked_) screenLocked();
     });
 }
 

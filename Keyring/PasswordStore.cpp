@@ -82,6 +82,13 @@ void removeItemsOfOtherSchemas(SecretService* service, GHashTable* attributes) {
     g_list_free_full(items, g_object_unref);
 }
 
+// Where a new record goes, without unlocking it; nothing when the service has none.
+std::unique_ptr<SecretCollection, void (*)(gpointer)> defaultCollection(SecretService* service) {
+    return {secret_collection_for_alias_sync(service, SECRET_COLLECTION_DEFAULT,
+                                             SECRET_COLLECTION_NONE, nullptr, nullptr),
+            g_object_unref};
+}
+
 bool hasOwnerOrActivates(GDBusConnection* bus) {
     GError* error = nullptr;
     GLibPointer<GVariant> owned(g_dbus_connection_call_sync(
@@ -133,10 +140,7 @@ PasswordStore::Reading PasswordStore::read() const {
     g_list_free_full(items, g_object_unref);
     if (!found) {
         // Where a new record would go: locked, it may hide one a search cannot see.
-        std::unique_ptr<SecretCollection, void (*)(gpointer)> collection(
-            secret_collection_for_alias_sync(call.service(), SECRET_COLLECTION_DEFAULT,
-                                             SECRET_COLLECTION_NONE, nullptr, nullptr),
-            g_object_unref);
+        auto collection = defaultCollection(call.service());
         bool collectionLocked = collection && secret_collection_get_locked(collection.get());
         return {collectionLocked ? State::locked : State::noRecord, std::nullopt};
     }
@@ -168,10 +172,7 @@ std::optional<StoredSecret> PasswordStore::load() const {
 bool PasswordStore::unlock() const {
     SecretServiceCall call;
     if (!call.service()) return false;
-    std::unique_ptr<SecretCollection, void (*)(gpointer)> collection(
-        secret_collection_for_alias_sync(call.service(), SECRET_COLLECTION_DEFAULT,
-                                         SECRET_COLLECTION_NONE, nullptr, nullptr),
-        g_object_unref);
+    auto collection = defaultCollection(call.service());
     if (!collection) return false;
     if (!secret_collection_get_locked(collection.get())) return true;
     GList* objects = g_list_append(nullptr, collection.get());
